@@ -1,0 +1,46 @@
+#pragma once
+
+// What reading and synchronising a schema asks of the store: the elements of the schema partition,
+// and the removal of data that a migration gives up. Implemented by the object store on one
+// transaction.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "core/bytes.h"
+
+namespace quillmere {
+
+class Entity;
+class Index;
+class Relation;
+class Schema;
+
+// Used on the thread of its transaction. Views given out die at the next write.
+class SchemaHost {
+public:
+    // Returns false to end the walk.
+    using ElementVisitor = std::function<bool(uint64_t elementId, const Bytes& data)>;
+
+    virtual ~SchemaHost() = default;
+
+    virtual bool readOnly() const = 0;
+
+    // Elements of the schema partition: 0 is the catalog record, n the record of entity n.
+    virtual bool readElement(uint64_t elementId, Bytes& out) = 0;
+    virtual void visitElements(uint64_t fromElementId, const ElementVisitor& visitor) = 0;
+    // `size` must be a multiple of 4.
+    virtual void writeElement(uint64_t elementId, const void* data, size_t size) = 0;
+    virtual bool removeElement(uint64_t elementId) = 0;
+
+    // The schema that cursors of the transaction see while data is removed.
+    virtual std::shared_ptr<Schema> schema() const = 0;
+    virtual void setSchema(std::shared_ptr<Schema> schema) = 0;
+
+    virtual void removeAllObjects(const Entity& entity) = 0;
+    virtual void removeIndexData(const Index& index) = 0;
+    virtual void removeRelationData(const Relation& relation) = 0;
+};
+
+}  // namespace quillmere

@@ -1,0 +1,179 @@
+#pragma once
+
+// The root of an open database.
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "core/bytes.h"
+#include "core/hash.h"
+#include "core/number_lock.h"
+#include "core/store_options.h"
+#include "kv/kv_validation.h"
+#include "store/change_listeners.h"
+#include "store/transaction.h"
+
+namespace quillmere {
+
+class Cursor;
+class DbStore;
+class Entity;
+class EntityState;
+class Kist;
+class Schema;
+struct StoreActivity;
+struct ThreadTxEntry;
+
+// Told when a store with a listener is destroyed. Set once per store.
+class DbExceptionListener {
+public:
+    virtual ~DbExceptionListener() = default;
+    virtual void storeDestroyed() = 0;
+};
+
+// Shared by any number of threads; the last owner's release closes it, on any thread. close() lets
+// a running write transaction finish without a time limit, queries about 10 seconds and other
+// transactions about 1 second. Every operation of a store that closes or has closed throws
+// StoreClosedException.
+class ObjectStore {
+public:
+    // Opens; with a model the schema of the database is brought to it first. Not in the registry.
+    static std::unique_ptr<ObjectStore> create(const StoreOptions& options);
+    static std::unique_ptr<ObjectStore> createWithFlatOptions(const void* bytes, size_t size,
+                                                              const Bytes* model);
+    static std::unique_ptr<ObjectStore> openWithModelBytes(const void* modelBytes, size_t size,
+                                                           const std::string& directory,
+                                                           uint64_t maxDbSizeInKb,
+                                                           uint32_t fileMode, uint32_t maxReaders);
+
+    // One store per path and process. `outAttached` null: attaching is not allowed, an open store
+    // is a failure.
+    static std::shared_ptr<ObjectStore> attachOrOpen(const StoreOptions& options,
+                                                     bool* outAttached,
+                                                     bool checkMatchingOptions = false);
+    // Empty if there is none.
+    static std::shared_ptr<ObjectStore> attach(const std::string& directory);
+    static std::shared_ptr<ObjectStore> attachById(uint64_t id);
+    static std::weak_ptr<ObjectStore> weakById(uint64_t id);
+    static bool isOpen(const std::string& directory);
+    static uint64_t dbFileSize(const std::string& directory);  // bytes
+    // True if the files are gone. An open store is no obstacle: it is forgotten.
+    static bool removeDbFiles(const std::string& directory, bool removeDirectory);
+
+    // Opens in one phase: no model is merged.
+    explicit ObjectStore(const StoreOptions& options);
+    ~ObjectStore();
+    ObjectStore(const ObjectStore&) = delete;
+    ObjectStore& operator=(const ObjectStore&) = delete;
+
+    // Throws StoreClosedException unless the store is open. An instance that is null, dead or
+    // overwritten is reported on standard output and error, and with `fatal` ends the process.
+    static void checkOpen(const ObjectStore* store, bool fatal);
+    void checkOpen(bool fatal) const { checkOpen(this, fatal); }
+
+    std::unique_ptr<Transaction> beginTx(TxMode mode, uint32_t flags = 0);
+    EntityState& entityState(const Entity& entity, Cursor* cursor = nullptr);
+    // Lives as long as the store.
+    Kist& kist(uint32_t entityId);
+
+    uint64_t addListener(ChangeListeners::Listener listener);
+    bool removeListener(uint64_t id) { return listeners_.remove(id); }
+    void fireListeners(const std::vector<uint32_t>& entityIds) { listeners_.fire(entityIds); }
+    void setDbExceptionListener(std::unique_ptr<DbExceptionListener> listener);
+
+    // False if the database has no schema.
+    bool readSchema(bool allowEmpty);
+    void setSchema(std::shared_ptr<Schema> schema);
+    std::shared_ptr<Schema> schema() const;  // empty if there is none
+    // Throws "No schema set on store".
+    std::shared_ptr<Schema> requireSchema() const;
+
+    uint64_t size() const;        // bytes
+    uint64_t sizeOnDisk() const;  // bytes
+    uint32_t typeId() const;
+    size_t cleanStaleReadTransactions();
+    std::string diagnose();
+    void setDebugFlags(uint32_t flags);
+    void prepareToClose();
+    void dropAllData();
+    void dropAllRaw();
+    uint64_t removeAllForPanic(const Entity& entity);
+    [[noreturn]] void backUpToFile(const std::string& path, uint32_t flags);
+
+    const std::string& directory() const { return directory_; }
+    uint64_t id() const { return id_; }  // 0 outside the registry
+    bool readOnly() const { return readOnly_; }
+    bool closed() const { return closed_.load(); }
+    bool closing() const { return closing_.load(); }
+    uint64_t maxDataSizeBytes() const { return maxDataSizeBytes_; }
+    uint32_t debugFlags() const { return debugFlags_.load(); }
+    uint16_t putPaddingMode() const { return putPaddingMode_; }
+    bool openedWithPreviousCommit() const;
+    const KvValidationResult* validationResult() const { return validationResult_.get(); }
+    DbStore& dbStore() const;
+    StoreActivity& activity() const { return *activity_; }
+
+private:
+    friend class Transaction;
+    friend class ThreadTx;
+    friend class StoreRegistry;
+
+    using EntityStates =
+        std::unordered_map<uint32_t, std::unique_ptr<EntityState>, FnvHash<uint32_t>>;
+    using Kists = std::unordered_map<uint32_t, std::unique_ptr<Kist>, FnvHash<uint32_t>>;
+    using ThreadTxs =
+        std::unordered_map<int32_t, std::shared_ptr<ThreadTxEntry>, FnvHash<int32_t>>;
+
+    void open(const StoreOptions& options);
+    void validateOnOpen();
+    void readHashes();
+    void close() noexcept;
+    void awaitWriters();
+    void awaitCommits();
+    void awaitQueries();
+    void awaitTransactions();
+    // Caches of entities are worth nothing once commits came out of order.
+    void invalidateCaches();
+
+    std::array<char, 4> marker_{'Q', 'm', 'r', 'e'};  // "Dead" once destroyed
+    std::string directory_;
+    std::unique_ptr<DbStore> dbStore_;
+    uint64_t id_ = 0;
+    mutable std::mutex schemaMutex_;
+    std::shared_ptr<Schema> schema_;
+    Bytes bindingHash_, fullHash_, baseHash_;
+    std::mutex entityStatesMutex_;
+    EntityStates entityStates_;
+    std::mutex kistsMutex_;
+    Kists kists_;
+    ChangeListeners listeners_;
+    std::unique_ptr<DbExceptionListener> dbExceptionListener_;
+    NumberLock writeLock_;
+    std::atomic<int32_t> writerThread_{0};
+    uint64_t closeTimeLimitNanos_ = 0;  // 0: none
+    uint64_t maxDbSizeInKb_ = 0;
+    uint64_t maxDataSizeBytes_ = 0;
+    std::atomic<uint32_t> debugFlags_{0};
+    uint32_t failureMode_ = 1;
+    uint16_t putPaddingMode_ = 1;
+    bool readOnly_ = false;
+    bool carriedFlag_ = false;
+    std::atomic<bool> closed_{false};
+    std::atomic<bool> closing_{false};
+    std::mutex threadTxsMutex_;
+    ThreadTxs threadTxs_;
+    std::shared_ptr<StoreActivity> activity_;
+    std::unique_ptr<KvValidationResult> validationResult_;
+    LogCallback logCallback_;
+};
+
+// Process-wide: the number of the latest commit of any store, 0 before the first.
+uint64_t lastCommittedTx();
+
+}  // namespace quillmere
