@@ -105,7 +105,8 @@ public:
     void dropAllData();
     void dropAllRaw();
     uint64_t removeAllForPanic(const Entity& entity);
-    [[noreturn]] void backUpToFile(const std::string& path, uint32_t flags);
+    // Throws FeatureNotAvailableException: this build has no backup.
+    void backUpToFile(const std::string& path, uint32_t flags);
 
     const std::string& directory() const { return directory_; }
     uint64_t id() const { return id_; }  // 0 outside the registry

@@ -14,6 +14,7 @@
 #include "core/error.h"
 #include "core/log.h"
 #include "core/stop_watch.h"
+#include "kv/db_store.h"
 #include "kv/partition.h"
 #include "kv/partition_cursor.h"
 #include "schema/entity.h"
@@ -202,7 +203,7 @@ void Transaction::commit(std::vector<uint32_t>* outAffected) {
     // The data is safe. Whatever fails from here on must leave no lock and no counter behind.
     const CommitInProgress inProgress(*activity_);
     const uint64_t otherHolder = unlockWriteLock();
-    tellCursorsEnded(true);
+    tellCursorsEnded();
     if (otherHolder != 0) {
         throwIllegalState("Illegal writer number ", std::to_string(otherHolder), ", expected ",
                           std::to_string(number_));
@@ -239,7 +240,7 @@ void Transaction::commitDbTransaction() {
         active_ = false;
         unlockWriteLock();
         affectedEntities_.clear();
-        tellCursorsEnded(true);
+        tellCursorsEnded();
         throw;
     }
     active_ = false;
@@ -267,7 +268,7 @@ void Transaction::abort() {
     TRACE_TX("abort");
     affectedEntities_.clear();
     if (!active_ && !recycled_) return;
-    tellCursorsEnded(false);
+    tellCursorsEnded();
     abortInternal();
 }
 
@@ -389,9 +390,9 @@ void Transaction::removeCursorLocked(Cursor* cursor) noexcept {
     if (found != cursors_.rend()) cursors_.erase(std::next(found).base());
 }
 
-void Transaction::tellCursorsEnded(bool committed) noexcept {
+void Transaction::tellCursorsEnded() noexcept {
     const std::lock_guard lock(cursorsMutex_);
-    for (Cursor* cursor : cursors_) cursor->txEnded(committed);
+    for (Cursor* cursor : cursors_) cursor->txEnded();
 }
 
 // --- changes and data size -----------------------------------------------------------------------

@@ -98,7 +98,7 @@ private:
     void renewForDestruction() noexcept;
     void detachCursors() noexcept;
     void endOnDestruction();
-    void tellCursorsEnded(bool committed) noexcept;
+    void tellCursorsEnded() noexcept;
     std::unique_ptr<Cursor> addCursor(std::unique_ptr<Cursor> cursor, bool registered);
 
     ObjectStore& store_;
