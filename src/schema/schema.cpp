@@ -7,6 +7,7 @@
 #include "core/error.h"
 
 namespace quillmere {
+
 Schema::Schema(uint32_t id, std::string name) : id_(id), name_(std::move(name)) {}
 
 Entity* Schema::findEntityById(uint32_t id) const { return findOrNull(byId_, id); }
