@@ -320,7 +320,8 @@ QMR_API void qmr_float_array_free(QMR_float_array* array);
 
 /* ------------------------------------------------------------------------------------------------
  * Options: everything that decides how a store opens. Values are checked when it opens; setters
- * without a result never fail and ignore a null record. Sizes named _kb are KiB, times microseconds.
+ * without a result never fail and ignore a null record. Sizes named _kb are KiB, times are
+ * microseconds.
  * --------------------------------------------------------------------------------------------- */
 
 typedef enum {
