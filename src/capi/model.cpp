@@ -1,10 +1,11 @@
 #include "capi/model.h"
 
+#include <exception>
 #include <memory>
-#include <utility>
 
 #include "capi/guard.h"
 #include "capi/options.h"
+#include "core/cast.h"
 #include "core/checks.h"
 
 using namespace quillmere;
@@ -33,7 +34,8 @@ qmr_err modelCall(QMR_model* model, Work&& work) {
     return code;
 }
 
-// Finishes the model and hands its bytes to the options.
+// Finishes the model and hands its bytes to the options; gives the code of a failure that is stored
+// already, as the last error is.
 qmr_err finishInto(QMR_store_options* opt, QMR_model* model) {
     CHECK_ARG_NOT_NULL(opt);
     CHECK_ARG_NOT_NULL(model);
@@ -87,7 +89,7 @@ qmr_err qmr_model_property(QMR_model* model, const char* name, uint32_t type, qm
                            qmr_uid uid) {
     return modelCall(model, [&](ModelBuilder& builder) {
         CHECK_ARG_NOT_NULL(name);
-        builder.property(name, type, id, uid);
+        builder.property(name, PropertyType{checkedCast<uint16_t>(type)}, id, uid);
     });
 }
 
@@ -137,7 +139,7 @@ qmr_err qmr_model_property_index_hnsw_distance_type(QMR_model* model, uint32_t v
     return modelCall(model, [&](ModelBuilder& builder) {
         CHECK_ARG(value != QMRVectorDistanceType_Unknown);
         CHECK_ARG(value <= QMRVectorDistanceType_DotProductNonNormalized);
-        builder.hnswDistanceType(value);
+        builder.hnswDistanceType(VectorDistanceType{value});
     });
 }
 
@@ -177,10 +179,12 @@ void qmr_model_last_relation_id(QMR_model* model, qmr_schema_id id, qmr_uid uid)
 }
 
 qmr_err qmr_opt_model(QMR_store_options* opt, QMR_model* model) {
-    const qmr_err code = statusCall([&] {
+    qmr_err stored = 0;
+    const qmr_err thrown = statusCall([&] {
         const std::unique_ptr<QMR_model> consumed(model);
-        return finishInto(opt, model);
+        stored = finishInto(opt, model);
     });
+    const qmr_err code = thrown ? thrown : stored;
     if (code && opt) opt->options.hadError = true;
     return code;
 }
