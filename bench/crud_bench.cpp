@@ -108,8 +108,9 @@ public:
     void add(size_t subject, double rate) { rates_[subject].push_back(rate); }
 
     std::string rate(size_t subject) const {
-        const auto [low, high] = std::minmax_element(rates_[subject].begin(), rates_[subject].end());
-        return withUnit(median(rates_[subject])) + " (" + withUnit(*low) + ".." + withUnit(*high) + ")";
+        const auto& rates = rates_[subject];
+        const auto [low, high] = std::minmax_element(rates.begin(), rates.end());
+        return withUnit(median(rates)) + " (" + withUnit(*low) + ".." + withUnit(*high) + ")";
     }
     std::string ratio(size_t subject, size_t base) const {
         std::vector<double> ratios;
@@ -139,7 +140,9 @@ public:
         std::erase_if(operations_, [&](const Operation& operation) {
             return std::string(operation.name).find(settings.filter) == std::string::npos;
         });
-        if (operations_.empty()) throw std::runtime_error("No operation matches " + settings.filter);
+        if (operations_.empty()) {
+            throw std::runtime_error("No operation matches " + settings.filter);
+        }
         results_.assign(operations_.size(), Results(subjects_.size()));
     }
 
@@ -233,7 +236,9 @@ void checkThatAllReadTheSame(const Settings& settings) {
         subject->updateAll(data);
         const uint64_t got = subject->getAll(data), walked = subject->walk();
         subject->removeAll(data);
-        if (subject->walk() != 0) throw std::runtime_error(subject->name() + " kept removed objects");
+        if (subject->walk() != 0) {
+            throw std::runtime_error(subject->name() + " kept removed objects");
+        }
         if (sums.empty()) sums = {got, walked};
         if (sums != std::vector<uint64_t>{got, walked}) {
             throw std::runtime_error(subject->name() + " read other bytes than " +
@@ -255,7 +260,8 @@ void printAllocations(const Settings& settings) {
         std::printf("%-38s  %-26.3f  %-26.3f\n", name, double(ours) / kAllocationSample,
                     double(theirs) / kAllocationSample);
     };
-    std::printf("\n%-38s  %-26s  %-26s\n", "heap allocations per operation", "Quillmere", "raw LMDB");
+    std::printf("\n%-38s  %-26s  %-26s\n", "heap allocations per operation", "Quillmere",
+                "raw LMDB");
     row("put of a new object", quillmere.insert, lmdb.insert);
     row("put over an object", quillmere.update, lmdb.update);
     row("get", quillmere.get, lmdb.get);

@@ -181,7 +181,7 @@ public:
         struct stat status{};
         mdb_filehandle_t file;
         check(mdb_env_get_fd(environment_->env(), &file));
-        if (fstat(file, &status) != 0) throw std::runtime_error("Cannot stat the data file of LMDB");
+        if (fstat(file, &status) != 0) throw std::runtime_error("LMDB: cannot stat the data file");
         return static_cast<uint64_t>(status.st_size);
     }
 

@@ -130,7 +130,8 @@ void printMachine(std::ostream& out, const std::string& directory) {
     uname(&system);
     out << "processor    " << processorName() << ", " << sysconf(_SC_NPROCESSORS_ONLN)
         << " cores online\n"
-        << "kernel       " << system.sysname << ' ' << system.release << ' ' << system.machine << '\n'
+        << "kernel       " << system.sysname << ' ' << system.release << ' ' << system.machine
+        << '\n'
         << "file system  " << fileSystemOf(directory) << '\n'
 #if defined(__clang__)
         << "compiler     " << __VERSION__ << '\n';

@@ -194,7 +194,9 @@ AllocationCounts countQuillmereAllocations(const std::string& directory, Dataset
         Work work(store, false);
         const void* bytes;
         size_t size;
-        const auto get = [&](uint32_t id) { check(qmr_cursor_get(work.cursor(), id, &bytes, &size)); };
+        const auto get = [&](uint32_t id) {
+            check(qmr_cursor_get(work.cursor(), id, &bytes, &size));
+        };
         const auto step = [&](uint32_t) { check(qmr_cursor_next(work.cursor(), &bytes, &size)); };
         for (uint32_t id = 1; id <= warm; ++id) get(id);
         counts.get = allocationsOf(warm + 1, data.count(), get);

@@ -28,7 +28,8 @@ public:
     Database& operator=(const Database&) = delete;
 
     void check(int result) {
-        if (result != SQLITE_OK) throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(db_));
+        if (result == SQLITE_OK) return;
+        throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(db_));
     }
     void run(const char* sql) { check(sqlite3_exec(db_, sql, nullptr, nullptr, nullptr)); }
     sqlite3* get() { return db_; }
@@ -47,7 +48,9 @@ public:
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
 
-    void bindId(int index, uint32_t id) { database_.check(sqlite3_bind_int64(statement_, index, id)); }
+    void bindId(int index, uint32_t id) {
+        database_.check(sqlite3_bind_int64(statement_, index, id));
+    }
     void bindObject(int index, Object object) {
         database_.check(sqlite3_bind_blob(statement_, index, object.data,
                                           static_cast<int>(object.size), SQLITE_STATIC));
