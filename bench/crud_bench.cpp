@@ -335,6 +335,10 @@ Settings parseSettings(int argc, char** argv) {
         else if (key == "--core") settings.core = std::atoi(value.c_str());
         else if (key == "--directory") settings.directory = value;
         else if (key == "--open-only") settings.openOnly = value;
+        else if (key == "--help") {
+            std::fputs(kUsage, stdout);
+            std::exit(0);
+        }
         else throw std::runtime_error("Unknown argument: " + argument + "\n" + kUsage);
     }
     settings.singles = std::min(settings.singles, settings.objects);
