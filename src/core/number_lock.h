@@ -41,6 +41,9 @@ public:
 
 private:
     bool refuses(uint64_t number) const { return closing_.load() && number != kCloserNumber; }
+    // One try; 0 if `number` has the lock now, else the holder found.
+    uint64_t trySwap(uint64_t number);
+    // Takes back the count of a waiter that gives up on the shutdown, under the mutex.
     void leave();
 
     std::mutex mutex_;

@@ -1,0 +1,60 @@
+#include "core/files.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "core/cast.h"
+#include "core/error.h"
+
+namespace quillmere {
+
+PathType pathType(const std::string& path, uint64_t* outSize, uint32_t* outMode) {
+    struct stat status {};
+    const bool there = ::stat(path.c_str(), &status) == 0;
+    const bool isDirectory = there && S_ISDIR(status.st_mode);
+    if (outSize) *outSize = there && !isDirectory ? checkedCast<uint64_t>(status.st_size) : 0;
+    if (outMode) *outMode = there ? status.st_mode & 07777 : 0;
+    if (!there) return PathType::None;
+    return isDirectory ? PathType::Directory : PathType::File;
+}
+
+bool pathExists(const std::string& path) {
+    return pathType(path) != PathType::None;
+}
+
+void prepareDirectory(const std::string& path, uint32_t mode) {
+    if (::mkdir(path.c_str(), static_cast<mode_t>(mode)) != 0 && errno != EEXIST) {
+        throwIoWithErrno("Could not prepare directory: " + path);
+    }
+}
+
+int removeFile(const std::string& path) {
+    return ::unlink(path.c_str()) == 0 ? 0 : errno;
+}
+
+int removeDirectory(const std::string& path) {
+    return ::rmdir(path.c_str()) == 0 ? 0 : errno;
+}
+
+bool syncFile(std::FILE* stream) {
+    return std::fflush(stream) == 0 && ::fsync(::fileno(stream)) == 0;
+}
+
+void truncateFile(std::FILE* stream, uint64_t size) {
+    const int descriptor = stream ? ::fileno(stream) : -1;
+    if (descriptor < 0) throwIo("invalid file description");
+    if (std::fflush(stream) != 0 || ::ftruncate(descriptor, checkedCast<off_t>(size)) != 0) {
+        throwIoWithErrno("Cannot truncate file");
+    }
+}
+
+void throwIoWithErrno(const std::string& message) {
+    const int code = errno;
+    throwIo(message, " (errno ", std::to_string(code), ": ",
+            std::generic_category().message(code), ")");
+}
+
+}  // namespace quillmere
