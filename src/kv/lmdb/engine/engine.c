@@ -1,0 +1,454 @@
+/* The engine: LMDB's main source with the edits of edits.cmake, and the functions they call. */
+#include "engine.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <stdatomic.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+
+/* The part of MDB_env that is ours. */
+typedef struct {
+    sem_t writer;             /* one writer within the process; any thread may give it back */
+    atomic_size_t file_pages; /* whole pages of the data file when last looked at */
+} QmrEnv;
+
+typedef struct MDB_meta MDB_meta;
+typedef struct MDB_node MDB_node;
+typedef struct MDB_page MDB_page;
+
+static void qmr_env_init(QmrEnv* qmr);
+static void qmr_env_destroy(QmrEnv* qmr);
+static int qmr_env_opening(MDB_env* env, int excl);
+static int qmr_env_opened(MDB_env* env, int* excl);
+static int qmr_settle_snapshot(MDB_txn* txn);
+static int qmr_page_size_valid(uint32_t page_size);
+static int qmr_writer_lock(MDB_env* env);
+static void qmr_writer_unlock(MDB_env* env);
+static int qmr_page_in_file(MDB_env* env, size_t page);
+static int qmr_overflow_in_file(MDB_cursor* mc, const MDB_page* first, size_t page, size_t size);
+static int qmr_corrupted(MDB_cursor* mc);
+static int qmr_no_sub_cursor(MDB_cursor* mc, const MDB_node* node);
+static int qmr_check_sub_cursor(MDB_cursor* mc);
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wall"
+#pragma GCC diagnostic ignored "-Wextra"
+#include "mdb.c"
+#pragma GCC diagnostic pop
+
+static void qmr_env_init(QmrEnv* qmr) {
+    sem_init(&qmr->writer, 0, 1);
+    atomic_init(&qmr->file_pages, 0);
+}
+
+static void qmr_env_destroy(QmrEnv* qmr) {
+    sem_destroy(&qmr->writer);
+}
+
+/* --- Writer lock -------------------------------------------------------------------------------
+ * Between processes: a lock of the open file description on one byte of the lock file. The kernel
+ * drops it when its process dies, and any thread may give it back. Such a lock does not exclude
+ * the threads of one process from each other, hence the semaphore in front of it. */
+
+#ifndef F_OFD_SETLKW /* without it the lock belongs to the process, which serves as well */
+#define F_OFD_SETLKW F_SETLKW
+#define F_OFD_SETLK F_SETLK
+#endif
+
+/* Far behind the bytes that LMDB locks: byte 0, and one for each process ID. */
+enum { QMR_WRITER_BYTE_SHIFT = 40 };
+
+static int qmr_lock_byte(MDB_env* env, int command, short type) {
+    struct flock lock = {0};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = (off_t)1 << QMR_WRITER_BYTE_SHIFT;
+    lock.l_len = 1;
+    int rc;
+    do {
+        rc = fcntl(env->me_lfd, command, &lock);
+    } while (rc != 0 && errno == EINTR);
+    return rc == 0 ? MDB_SUCCESS : errno;
+}
+
+/* Set while the lock is held: found set by the next holder if the last one died. It lies in the
+ * padding behind the mutex that the lock replaces. */
+static volatile char* qmr_writer_mark(MDB_env* env) {
+    return &env->me_txns->mt2.pad[sizeof(env->me_txns->mt2.pad) - 1];
+}
+
+/* The dead writer may have written its meta page without announcing it, and its readers stay. */
+static int qmr_recover_writer(MDB_env* env) {
+    env->me_txns->mti_txnid = mdb_env_pick_meta(env)->mm_txnid;
+    return mdb_reader_check0(env, 0, NULL);
+}
+
+static int qmr_writer_lock(MDB_env* env) {
+    while (sem_wait(&env->me_qmr.writer) != 0) {
+        if (errno != EINTR)
+            return errno;
+    }
+    int rc = qmr_lock_byte(env, F_OFD_SETLKW, F_WRLCK);
+    if (rc != MDB_SUCCESS) {
+        sem_post(&env->me_qmr.writer);
+        return rc;
+    }
+    if (*qmr_writer_mark(env) != 0 && (rc = qmr_recover_writer(env)) != MDB_SUCCESS) {
+        qmr_lock_byte(env, F_OFD_SETLK, F_UNLCK);
+        sem_post(&env->me_qmr.writer);
+        return rc;
+    }
+    *qmr_writer_mark(env) = 1;
+    return MDB_SUCCESS;
+}
+
+static void qmr_writer_unlock(MDB_env* env) {
+    *qmr_writer_mark(env) = 0;
+    qmr_lock_byte(env, F_OFD_SETLK, F_UNLCK);
+    sem_post(&env->me_qmr.writer);
+}
+
+static void* qmr_lock_and_exit(void* mutex) {
+    return (void*)(intptr_t)pthread_mutex_lock(mutex);
+}
+
+/* Makes the robust mutex that other LMDB programs take for writing unusable, so that they get an
+ * error instead of writing beside us: its owner dies, and the next one gives it back unrepaired.
+ * Waits for the end of a write transaction that such a program is in. */
+static int qmr_retire_writer_mutex(MDB_env* env) {
+    pthread_mutex_t* mutex = env->me_txns->mti_wmutex;
+    pthread_t owner;
+    int rc = pthread_create(&owner, NULL, qmr_lock_and_exit, mutex);
+    if (rc != 0)
+        return rc;
+    void* locked;
+    pthread_join(owner, &locked);
+    if ((intptr_t)locked == ENOTRECOVERABLE)
+        return MDB_SUCCESS;
+    if (pthread_mutex_lock(mutex) == EOWNERDEAD)
+        pthread_mutex_unlock(mutex);
+    return MDB_SUCCESS;
+}
+
+/* --- Opening and the previous snapshot -------------------------------------------------------- */
+
+static int qmr_page_size_valid(uint32_t page_size) {
+    return page_size >= 256 && page_size <= MAX_PAGESIZE && (page_size & (page_size - 1)) == 0;
+}
+
+/* excl: as in mdb_env_open, above 0 if nobody else has the lock file open. */
+static int qmr_env_opening(MDB_env* env, int excl) {
+    if (env->me_flags & MDB_PREVSNAPSHOT) {
+        if (env->me_flags & MDB_WRITEMAP)
+            return EINVAL;
+        /* Another writer reuses the pages of the snapshot. */
+        if (env->me_txns && excl <= 0)
+            return EAGAIN;
+    }
+    if (env->me_txns && !(env->me_flags & MDB_RDONLY))
+        return qmr_retire_writer_mutex(env);
+    return MDB_SUCCESS;
+}
+
+/* Announces the snapshot to start from and lets others in, unless it is the previous one. */
+static int qmr_env_opened(MDB_env* env, int* excl) {
+    if (!(env->me_flags & MDB_PREVSNAPSHOT))
+        return mdb_env_share_locks(env, excl);
+    env->me_txns->mti_txnid = mdb_env_pick_meta(env)->mm_txnid;
+    return MDB_SUCCESS;
+}
+
+/* Called before the first page is written. The transaction takes its number from the snapshot it
+ * stands on, and may overwrite pages of the newest one; so the newest meta page must be gone from
+ * the disk before, or a crash would leave it pointing to pages that are no longer its own. It
+ * becomes a copy of the chosen one, with the number below. */
+static int qmr_settle_snapshot(MDB_txn* txn) {
+    MDB_env* env = txn->mt_env;
+    if (!(env->me_flags & MDB_PREVSNAPSHOT))
+        return MDB_SUCCESS;
+
+    const MDB_meta* chosen = mdb_env_pick_meta(env);
+    const MDB_meta* newest = env->me_metas[chosen == env->me_metas[0]];
+    MDB_meta settled = *chosen;
+    if (settled.mm_txnid > 0)
+        settled.mm_txnid--;
+    ssize_t written;
+    do { /* this descriptor syncs what it writes */
+        written = pwrite(env->me_mfd, &settled, sizeof(settled), (char*)newest - env->me_map);
+    } while (written < 0 && errno == EINTR);
+    if (written != sizeof(settled)) {
+        env->me_flags |= MDB_FATAL_ERROR;
+        return written < 0 ? errno : EIO;
+    }
+
+    env->me_flags &= ~MDB_PREVSNAPSHOT;
+    int excl = 1;
+    return env->me_txns ? mdb_env_share_locks(env, &excl) : MDB_SUCCESS;
+}
+
+/* --- Page access ------------------------------------------------------------------------------ */
+
+static int qmr_read_file_pages(MDB_env* env, size_t* pages) {
+    size_t size;
+    int rc = mdb_fsize(env->me_fd, &size);
+    if (rc == MDB_SUCCESS) {
+        *pages = size / env->me_psize;
+        atomic_store_explicit(&env->me_qmr.file_pages, *pages, memory_order_relaxed);
+    }
+    return rc;
+}
+
+/* The size is looked at again only when a page is behind it, since the file only grows. */
+static int qmr_page_in_file(MDB_env* env, size_t page) {
+    size_t pages = atomic_load_explicit(&env->me_qmr.file_pages, memory_order_relaxed);
+    if (page < pages)
+        return 1;
+    return qmr_read_file_pages(env, &pages) == MDB_SUCCESS && page < pages;
+}
+
+static int qmr_overflow_in_file(MDB_cursor* mc, const MDB_page* first, size_t page, size_t size) {
+    MDB_env* env = mc->mc_txn->mt_env;
+    const char* address = (const char*)first;
+    if (address < env->me_map || address >= env->me_map + env->me_mapsize)
+        return 1; /* not written yet: the pages lie in memory of their own */
+    return qmr_page_in_file(env, page + (PAGEHDRSZ + size - 1) / env->me_psize);
+}
+
+/* --- Corruption guard ------------------------------------------------------------------------- */
+
+/* Whatever a write transaction did before, it must not be committed. */
+static void qmr_fail_write(MDB_cursor* mc) {
+    if (mc->mc_txn->mt_flags & MDB_TXN_RDONLY)
+        return;
+    mc->mc_txn->mt_flags |= MDB_TXN_ERROR;
+    mc->mc_flags &= ~C_INITIALIZED;
+}
+
+static int qmr_corrupted(MDB_cursor* mc) {
+    qmr_fail_write(mc);
+    return MDB_CORRUPTED;
+}
+
+static int qmr_no_sub_cursor(MDB_cursor* mc, const MDB_node* node) {
+    if (node)
+        fprintf(stderr,
+                "Severe error condition: xcursor is null. "
+                "Node lo: %hu, hi:%hu, flags: %hu, ksize: %hu",
+                node->mn_lo, node->mn_hi, node->mn_flags, node->mn_ksize);
+    else
+        fprintf(stderr, "Severe error condition: xcursor and node are null.");
+    qmr_fail_write(mc);
+    return MDB_BAD_TXN;
+}
+
+/* For a cursor that a deletion moved to another node. */
+static int qmr_check_sub_cursor(MDB_cursor* mc) {
+    if (mc->mc_xcursor || (mc->mc_flags & (C_EOF | C_SUB)))
+        return MDB_SUCCESS;
+    const MDB_node* node = NODEPTR(mc->mc_pg[mc->mc_top], mc->mc_ki[mc->mc_top]);
+    return (node->mn_flags & F_DUPDATA) ? qmr_no_sub_cursor(mc, node) : MDB_SUCCESS;
+}
+
+/* --- Walks over damaged trees ----------------------------------------------------------------- */
+
+typedef struct {
+    MDB_cursor* cursor;
+    size_t pages;       /* page numbers are below this */
+    size_t page_size;
+    uint64_t remaining; /* pages that the limit leaves */
+    QmrPageValidation* out;
+} QmrWalk;
+
+static int qmr_walk_init(QmrWalk* walk, MDB_cursor* cursor) {
+    MDB_txn* txn = cursor->mc_txn;
+    memset(walk, 0, sizeof(*walk));
+    walk->cursor = cursor;
+    walk->page_size = txn->mt_env->me_psize;
+    int rc = qmr_read_file_pages(txn->mt_env, &walk->pages);
+    /* A write transaction's new pages are not in the file yet. */
+    if (rc == MDB_SUCCESS && walk->pages != 0 && !(txn->mt_flags & MDB_TXN_RDONLY) &&
+        walk->pages < txn->mt_next_pgno)
+        walk->pages = txn->mt_next_pgno;
+    return rc;
+}
+
+static uint16_t qmr_read_u16(const void* at) {
+    uint16_t value;
+    memcpy(&value, at, sizeof(value));
+    return value;
+}
+
+static pgno_t qmr_child(const MDB_page* page, unsigned index) {
+    MDB_node node;
+    memcpy(&node, (const char*)page + qmr_read_u16(&page->mp_ptrs[index]), NODESIZE);
+    return NODEPGNO(&node);
+}
+
+static int qmr_is_walkable(const MDB_page* page) {
+    return (page->mp_flags & (P_BRANCH | P_LEAF)) != 0;
+}
+
+/* A page number that a node refers to. */
+static int qmr_check_reference(const QmrWalk* walk, pgno_t owner, pgno_t page) {
+    if (page >= walk->pages)
+        return MDB_PAGE_NOTFOUND;
+    return page < NUM_METAS || page == owner ? MDB_CORRUPTED : MDB_SUCCESS;
+}
+
+static int qmr_check_node(const QmrWalk* walk, const MDB_page* page, pgno_t number,
+                          unsigned index) {
+    size_t offset = qmr_read_u16(&page->mp_ptrs[index]);
+    if (offset < page->mp_upper || offset + NODESIZE > walk->page_size)
+        return MDB_CORRUPTED;
+    const char* at = (const char*)page + offset;
+    MDB_node node;
+    memcpy(&node, at, NODESIZE);
+
+    int is_branch = IS_BRANCH(page);
+    int is_big = !is_branch && (node.mn_flags & F_BIGDATA);
+    size_t data_size = is_branch ? 0 : is_big ? sizeof(pgno_t) : NODEDSZ(&node);
+    if (offset + NODESIZE + node.mn_ksize + data_size > walk->page_size)
+        return MDB_CORRUPTED;
+
+    if (is_branch)
+        return qmr_check_reference(walk, number, NODEPGNO(&node));
+    if (is_big) {
+        pgno_t first;
+        memcpy(&first, at + NODESIZE + node.mn_ksize, sizeof(first));
+        return qmr_check_reference(walk, number, first);
+    }
+    return MDB_SUCCESS;
+}
+
+static int qmr_check_page_bounds(const QmrWalk* walk, const MDB_page* page) {
+    if (page->mp_upper > walk->page_size || page->mp_lower > page->mp_upper ||
+        page->mp_lower < PAGEHDRSZ)
+        return MDB_CORRUPTED;
+    return MDB_SUCCESS;
+}
+
+static int qmr_check_page(QmrWalk* walk, pgno_t number) {
+    MDB_page* page;
+    walk->out->first_failed_page = number;
+    int rc = mdb_page_get(walk->cursor, number, &page, NULL);
+    if (rc != MDB_SUCCESS)
+        return rc;
+    if (qmr_is_walkable(page)) {
+        if ((rc = qmr_check_page_bounds(walk, page)) != MDB_SUCCESS)
+            return rc;
+        unsigned nodes = NUMKEYS(page);
+        for (unsigned i = 0; i < nodes; i++) {
+            if ((rc = qmr_check_node(walk, page, number, i)) != MDB_SUCCESS)
+                return rc;
+        }
+        walk->out->entries_checked += nodes;
+    }
+    /* A tree with more pages than the file has leads into itself. */
+    if (++walk->out->pages_checked > walk->pages)
+        return MDB_CORRUPTED;
+    walk->out->first_failed_page = 0;
+    walk->remaining--;
+    return MDB_SUCCESS;
+}
+
+/* Checks the pages at a depth below a page that is checked itself, with all between them. */
+static int qmr_check_level(QmrWalk* walk, pgno_t number, int depth) {
+    MDB_page* page;
+    int rc = mdb_page_get(walk->cursor, number, &page, NULL);
+    if (rc != MDB_SUCCESS || !IS_BRANCH(page))
+        return rc;
+    unsigned children = NUMKEYS(page);
+    for (unsigned i = 0; i < children && walk->remaining != 0; i++) {
+        pgno_t child = qmr_child(page, i);
+        rc = depth == 1 ? qmr_check_page(walk, child) : qmr_check_level(walk, child, depth - 1);
+        if (rc != MDB_SUCCESS)
+            return rc;
+    }
+    return MDB_SUCCESS;
+}
+
+int qmr_mdb_validate_pages(MDB_cursor* cursor, uint64_t page_limit, int check_leaf_level,
+                           QmrPageValidation* out) {
+    memset(out, 0, sizeof(*out));
+    const MDB_db* db = cursor->mc_db;
+    if (db->md_root == P_INVALID)
+        return MDB_SUCCESS;
+    QmrWalk walk;
+    int rc = qmr_walk_init(&walk, cursor);
+    if (rc != MDB_SUCCESS || walk.pages == 0)
+        return rc;
+    walk.out = out;
+    walk.remaining = page_limit != 0 ? page_limit : UINT64_MAX;
+
+    if ((rc = qmr_check_page(&walk, db->md_root)) != MDB_SUCCESS)
+        return rc;
+    if (db->md_depth > CURSOR_STACK) {
+        out->first_failed_page = db->md_root;
+        return MDB_CORRUPTED;
+    }
+    /* The root is level 0. */
+    int levels = check_leaf_level ? db->md_depth : db->md_depth - 1;
+    for (int depth = 1; depth < levels && walk.remaining != 0; depth++) {
+        if ((rc = qmr_check_level(&walk, db->md_root, depth)) != MDB_SUCCESS)
+            return rc;
+    }
+    return MDB_SUCCESS;
+}
+
+/* --- Fill statistics -------------------------------------------------------------------------- */
+
+typedef struct {
+    QmrWalk walk;
+    uint64_t visited;
+    QmrFillStats* out;
+} QmrFillVisit;
+
+static unsigned qmr_fill_bucket(const QmrWalk* walk, const MDB_page* page) {
+    size_t room = walk->page_size - PAGEHDRSZ;
+    size_t used = room - (page->mp_upper - page->mp_lower);
+    size_t bucket = used * 1000 / room / 100;
+    return bucket < 10 ? bucket : 9; /* a page without a free byte belongs to the fullest */
+}
+
+/* A level of 0 and a count above that of the file's pages stop a tree that leads into itself. */
+static int qmr_visit_fill(QmrFillVisit* visit, pgno_t number, int levels) {
+    MDB_page* page;
+    int rc = mdb_page_get(visit->walk.cursor, number, &page, NULL);
+    if (rc != MDB_SUCCESS)
+        return rc;
+    if (levels == 0 || ++visit->visited > visit->walk.pages || !qmr_is_walkable(page) ||
+        qmr_check_page_bounds(&visit->walk, page) != MDB_SUCCESS)
+        return MDB_CORRUPTED;
+
+    unsigned bucket = qmr_fill_bucket(&visit->walk, page);
+    if (!IS_BRANCH(page)) {
+        visit->out->leaf_fill[bucket]++;
+        return MDB_SUCCESS;
+    }
+    visit->out->branch_fill[bucket]++;
+    unsigned children = NUMKEYS(page);
+    if (children <= 1)
+        return MDB_SUCCESS;
+    for (unsigned i = 0; i < children; i++) {
+        size_t offset = qmr_read_u16(&page->mp_ptrs[i]);
+        if (offset + NODESIZE > visit->walk.page_size)
+            return MDB_CORRUPTED;
+        if ((rc = qmr_visit_fill(visit, qmr_child(page, i), levels - 1)) != MDB_SUCCESS)
+            return rc;
+    }
+    return MDB_SUCCESS;
+}
+
+int qmr_mdb_fill_stats(MDB_cursor* cursor, QmrFillStats* out) {
+    memset(out, 0, sizeof(*out));
+    QmrFillVisit visit = {.out = out};
+    int rc = qmr_walk_init(&visit.walk, cursor);
+    if (rc != MDB_SUCCESS || cursor->mc_db->md_root == P_INVALID)
+        return rc;
+    rc = qmr_visit_fill(&visit, cursor->mc_db->md_root, CURSOR_STACK);
+    return rc == MDB_CORRUPTED ? MDB_SUCCESS : rc;
+}

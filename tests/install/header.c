@@ -1,0 +1,1 @@
+#include <quillmere/quillmere.h>
