@@ -123,6 +123,9 @@ private:
     Lookup<uint16_t, Property> byFlatOffset_;
     std::vector<std::shared_ptr<Index>> indexes_;
     std::vector<std::shared_ptr<Relation>> relations_;
+    // Others may still point to what was removed, e.g. backlinks until the schema is linked again.
+    std::vector<std::shared_ptr<Property>> removedProperties_;
+    std::vector<std::shared_ptr<Relation>> removedRelations_;
     Property* idProperty_ = nullptr;
     Property* idCompanion_ = nullptr;
     Property* expirationTime_ = nullptr;
