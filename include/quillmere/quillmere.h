@@ -350,7 +350,7 @@ typedef void QMR_log_callback(int32_t level, const char* text, size_t length, vo
 QMR_API QMR_store_options* qmr_opt(void);
 QMR_API qmr_err qmr_opt_free(QMR_store_options* opt);
 
-/* These four can fail. A failure of the first two is remembered, and an open refuses the options. */
+/* These can fail. A failure of the first two is remembered, and an open refuses the options. */
 
 /* Store directory, "quillmere" by default. */
 QMR_API qmr_err qmr_opt_directory(QMR_store_options* opt, const char* dir);
