@@ -32,8 +32,7 @@ protected:
         options_.putPaddingMode = GetParam();
         options_.maxDataSizeInKb = 100000;  // so that the data size is tracked
         open(options_);
-        RecordProperty("seed", static_cast<int>(seed_));
-        std::cout << "seed " << seed_ << std::endl;
+        std::cout << "seed " << seed_ << ", again with --gtest_random_seed\n";
     }
 
     uint64_t pick(uint64_t count) { return random_() % count; }
@@ -135,7 +134,12 @@ protected:
         committed = model;
     }
 
-    const uint64_t seed_ = std::random_device()() & 0x7FFFFFFF;
+    static uint32_t chooseSeed() {
+        const int given = GTEST_FLAG_GET(random_seed);
+        return given != 0 ? static_cast<uint32_t>(given) : 1 + std::random_device()() % 99999;
+    }
+
+    const uint32_t seed_ = chooseSeed();
     std::mt19937_64 random_{seed_};
     StoreOptions options_;
 };
