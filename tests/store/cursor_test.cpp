@@ -391,6 +391,29 @@ TEST_F(CursorTest, KeepsAnExternalCollectorOwnerUntilItCloses) {
     EXPECT_EQ(owner.use_count(), 1);
 }
 
+TEST_F(CursorTest, RefusesAllWorkOnceItsTransactionIsOver) {
+    putNotes({1, 2});
+    const ObjectBytes note = makeNote(1);
+    for (const bool destroyed : {false, true}) {
+        auto tx = write();
+        const auto notes = cursor(*tx);
+        ASSERT_TRUE(notes->seek(1));
+        destroyed ? tx.reset() : tx->abort();
+        Bytes object;
+        EXPECT_FALSE(notes->current(object));
+        EXPECT_EQ(notes->currentId(), 0u);
+        EXPECT_THROW(notes->get(1, object), IllegalStateException);
+        EXPECT_THROW(notes->first(object), IllegalStateException);
+        EXPECT_THROW(notes->next(object), IllegalStateException);
+        EXPECT_THROW(notes->put(1, note.data(), note.size(), kPut), IllegalStateException);
+        EXPECT_THROW(notes->removeCurrent(), IllegalStateException);
+        EXPECT_THROW(notes->removeAll(), IllegalStateException);
+        EXPECT_THROW(notes->count(), IllegalStateException);
+        EXPECT_THROW(notes->cursorFor(kTags), IllegalStateException);
+    }
+    EXPECT_EQ(storedIds(), (std::vector<uint64_t>{1, 2}));
+}
+
 TEST_F(CursorTest, StaysUsableThroughRecycleAndRenew) {
     putNotes({1});
     const auto tx = read();
