@@ -64,6 +64,7 @@ PartitionCursor::PartitionCursor(TxContext& tx, const Config& config)
       shortPrefix_(config.shortPrefix),
       closeInDestructor_(config.closeInDestructor) {
     checkCreatorThread(tx);
+    storeBig(firstPrefixBytes_, firstPrefix_);
     growKeyBuffer(kInitialKeyBufferSize);
     dbCursor_ = tx.dbTransaction().createDbCursor();
 }
@@ -84,16 +85,17 @@ PartitionCursor::~PartitionCursor() {
 void PartitionCursor::setPartition(uint32_t first, uint32_t last) {
     firstPrefix_ = first;
     lastPrefix_ = last;
+    storeBig(firstPrefixBytes_, first);
     forgetPlace();
 }
 
 bool PartitionCursor::first() {
-    holdFirstPrefix();
+    holdKey(firstPrefixBytes_, minKeySize_);
     return stepToFound(dbCursor_->seekOrNext(keyView_), Direction::Forward);
 }
 
 bool PartitionCursor::first(Bytes& outValue) {
-    holdFirstPrefix();
+    holdKey(firstPrefixBytes_, minKeySize_);
     return valueOf(stepToFound(dbCursor_->getOrNext(keyView_, outValue), Direction::Forward),
                    outValue);
 }
@@ -105,7 +107,7 @@ bool PartitionCursor::next() {
 bool PartitionCursor::next(Bytes& outValue) {
     const bool moved = dbCursor_->next(foundKey_, outValue);
     const Position position = moved ? locate(foundKey_) : Position::Behind;
-    if (position == Position::Before) [[unlikely]] return first(outValue);
+    if (position == Position::Before) [[unlikely]] return enterFromFront(outValue);
     return valueOf(settle(position), outValue);
 }
 
@@ -250,6 +252,13 @@ bool PartitionCursor::isReleased() const {
     return dbCursor_->isReleased();
 }
 
+// A step from in front of the partition skips the elements before it.
+bool PartitionCursor::enterFromFront(Bytes& outValue) {
+    const Bytes start(firstPrefixBytes_, minKeySize_);
+    return valueOf(stepToFound(dbCursor_->getOrNext(start, outValue), Direction::Forward),
+                   outValue);
+}
+
 bool PartitionCursor::stepToFound(bool moved, Direction direction) {
     if (!moved) {
         return settle(direction == Direction::Forward ? Position::Behind : Position::Before);
@@ -299,12 +308,6 @@ inline void PartitionCursor::holdKey(const void* key, size_t size) {
     if (size > keyBufferSize_) [[unlikely]] growKeyBuffer(size);
     copyKey(keyBuffer_.get(), static_cast<const uint8_t*>(key), size);
     keyView_.setView(keyBuffer_.get(), size);
-}
-
-void PartitionCursor::holdFirstPrefix() {
-    uint8_t prefix[4];
-    storeBig(prefix, firstPrefix_);
-    holdKey(prefix, minKeySize_);
 }
 
 // The old content goes: a key that does not fit comes from elsewhere.

@@ -98,12 +98,12 @@ private:
     // The position step after a move of the DbCursor: onto its key, or onto the key asked for.
     bool stepToFound(bool moved, Direction direction);
     bool stepToAsked(bool found);
+    bool enterFromFront(Bytes& outValue);
     Position locate(const Bytes& key);
     bool settle(Position position);
     static bool valueOf(bool found, Bytes& outValue);
     void putPadded(const void* value, size_t size);
     void holdKey(const void* key, size_t size);
-    void holdFirstPrefix();
     void growKeyBuffer(size_t size);
     void forgetPlace();
 
@@ -111,6 +111,7 @@ private:
     const uint64_t txNumber_;
     uint32_t firstPrefix_;
     uint32_t lastPrefix_;
+    uint8_t firstPrefixBytes_[4];
     uint32_t currentPrefix_ = 0;
     std::shared_ptr<DbCursor> dbCursor_;
     std::unique_ptr<uint8_t[]> keyBuffer_;

@@ -22,6 +22,15 @@ auto findBy(const List& list, Get get, const Value& value) {
     return found == list.end() ? nullptr : found->get();
 }
 
+template <class T>
+void moveElement(std::vector<std::shared_ptr<T>>& from, const T& element,
+                 std::vector<std::shared_ptr<T>>& to) {
+    const auto found = std::ranges::find(from, &element, &std::shared_ptr<T>::get);
+    if (found == from.end()) return;
+    to.push_back(std::move(*found));
+    from.erase(found);
+}
+
 // Points `slot` to the property, which must be the only one of its kind.
 void takeOnly(Property*& slot, Property& property, const char* message, const Entity& entity) {
     if (slot) throwSchema(message, entity.name());
@@ -99,7 +108,7 @@ void Entity::removeProperty(const Property& property) {
     const bool erasedById = byId_.erase(property.id()) == 1;
     CHECK_STATE_AT(557, erasedById);
     byFlatOffset_.erase(property.flatOffset());
-    std::erase_if(properties_, [&](const auto& element) { return element.get() == &property; });
+    moveElement(properties_, property, removedProperties_);
 }
 
 void Entity::renameProperty(Property& property, const std::string& newName) {
@@ -126,7 +135,7 @@ void Entity::addRelation(std::shared_ptr<Relation> relation) {
 }
 
 void Entity::removeRelation(const Relation& relation) {
-    std::erase_if(relations_, [&](const auto& element) { return element.get() == &relation; });
+    moveElement(relations_, relation, removedRelations_);
 }
 
 bool Entity::reorderProperties(const Entity& like) {

@@ -87,8 +87,8 @@ public:
     void renameProperty(Property& property, const std::string& newName);
     void addRelation(std::shared_ptr<Relation> relation);
     void removeRelation(const Relation& relation);
-    // Takes the order of properties from another definition of the same entity; false if it was that
-    // already.
+    // Takes the order of properties from another definition of the same entity; false if it was
+    // that already.
     bool reorderProperties(const Entity& like);
     // Gives this entity and its properties their places in the stored schema.
     void assignIds(const Catalog& catalog, uint32_t schemaId);
@@ -123,6 +123,9 @@ private:
     Lookup<uint16_t, Property> byFlatOffset_;
     std::vector<std::shared_ptr<Index>> indexes_;
     std::vector<std::shared_ptr<Relation>> relations_;
+    // Others may still point to what was removed, e.g. backlinks until the schema is linked again.
+    std::vector<std::shared_ptr<Property>> removedProperties_;
+    std::vector<std::shared_ptr<Relation>> removedRelations_;
     Property* idProperty_ = nullptr;
     Property* idCompanion_ = nullptr;
     Property* expirationTime_ = nullptr;

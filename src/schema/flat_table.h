@@ -67,6 +67,17 @@ inline Bytes alignedForTables(const Bytes& bytes) {
                    : Bytes::copyOf(bytes.data(), bytes.size());
 }
 
+// A scalar of a verified table, 0 if it is absent.
+template <class T>
+T readScalar(const flatbuffers::Table& table, uint32_t field) {
+    return table.GetField<T>(fieldOffset(field), T{});
+}
+
+// A text of a verified table, empty if it is absent.
+inline std::string readText(const flatbuffers::Table& table, uint32_t field) {
+    return std::string(readTextField(table, field));
+}
+
 // Calls `visit` with each table of a verified vector, in order; an absent one has none.
 template <class Visit>
 void forEachTable(const flatbuffers::Table& table, uint32_t field, const Visit& visit) {

@@ -71,13 +71,13 @@ std::shared_ptr<Property> readProperty(const Table& table) {
     const IdUid id = readIdUid(table, kPropertyIdUid);
     const IdUid index = readIdUid(table, kPropertyIndex);
     auto property = std::make_shared<Property>(
-        id.id, id.uid, std::string(readTextField(table, kPropertyName)),
-        static_cast<PropertyType>(table.GetField<uint16_t>(fieldOffset(kPropertyType), 0)),
-        table.GetField<uint32_t>(fieldOffset(kPropertyFlagsWord), 0));
+        id.id, id.uid, readText(table, kPropertyName),
+        static_cast<PropertyType>(readScalar<uint16_t>(table, kPropertyType)),
+        readScalar<uint32_t>(table, kPropertyFlagsWord));
     property->setIndexIds(index.id, index.uid);
-    property->setTargetEntityName(std::string(readTextField(table, kPropertyTargetEntity)));
-    property->setVirtualTarget(std::string(readTextField(table, kPropertyVirtualTarget)));
-    property->setSecondaryName(std::string(readTextField(table, kPropertySecondaryName)));
+    property->setTargetEntityName(readText(table, kPropertyTargetEntity));
+    property->setVirtualTarget(readText(table, kPropertyVirtualTarget));
+    property->setSecondaryName(readText(table, kPropertySecondaryName));
     const auto* const hnsw = table.GetPointer<const Table*>(fieldOffset(kPropertyHnsw));
     if (hnsw) property->setHnswOptions(readHnswTable(*hnsw));
     return property;
@@ -108,7 +108,7 @@ void checkLastPropertyId(const Entity& entity) {
 }
 
 std::shared_ptr<Entity> readEntity(const Table& table) {
-    const std::string name(readTextField(table, kEntityName));
+    const std::string name = readText(table, kEntityName);
     const IdUid id = readIdUid(table, kEntityId);
     const IdUid lastPropertyId = readIdUid(table, kEntityLastPropertyId);
     if (name.empty()) throwSchema("Model entity has no name");
@@ -117,8 +117,8 @@ std::shared_ptr<Entity> readEntity(const Table& table) {
     if (lastPropertyId.id == 0) throwSchema("Model entity has no last property ID: ", name);
 
     auto entity = std::make_shared<Entity>(id.id, id.uid, name);
-    entity->setFlags(table.GetField<uint32_t>(fieldOffset(kEntityFlags), 0));
-    entity->setExternalName(std::string(readTextField(table, kEntityExternalName)));
+    entity->setFlags(readScalar<uint32_t>(table, kEntityFlags));
+    entity->setExternalName(readText(table, kEntityExternalName));
     entity->setLastPropertyId(lastPropertyId);
     forEachTable(table, kEntityProperties,
                  [&](const Table& property) { entity->addProperty(readProperty(property)); });
@@ -143,7 +143,7 @@ std::optional<Model> readModel(const Bytes& modelBytes) {
     if (!table.CheckField(fieldOffset(kModelUserVersion))) {
         throwSchema("Model without user version");
     }
-    const auto version = table.GetField<uint32_t>(fieldOffset(kModelVersionField), 0);
+    const auto version = readScalar<uint32_t>(table, kModelVersionField);
     if (version != kModelVersion) {
         throwSchema("Unexpected model version: ", std::to_string(version));
     }
@@ -154,7 +154,7 @@ std::optional<Model> readModel(const Bytes& modelBytes) {
     if (readTextField(table, kModelName).empty()) throwSchema("Model without name");
 
     Model model;
-    model.userVersion = table.GetField<uint64_t>(fieldOffset(kModelUserVersion), 0);
+    model.userVersion = readScalar<uint64_t>(table, kModelUserVersion);
     model.lastEntityId = readIdUid(table, kModelLastEntityId);
     model.lastIndexId = readIdUid(table, kModelLastIndexId);
     model.fourthLastId = readIdUid(table, kModelFourthLastId);

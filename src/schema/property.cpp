@@ -39,7 +39,9 @@ void Property::setIndexIds(uint32_t indexId, uint64_t indexUid) {
 }
 
 void Property::removeIndex() {
-    if (indexId_ == 0) throwIllegalState("Cannot remove index from property: property has no index");
+    if (indexId_ == 0) {
+        throwIllegalState("Cannot remove index from property: property has no index");
+    }
     flags_ &= ~kPropertyIndexMask;
     indexId_ = 0;
     indexUid_ = 0;
