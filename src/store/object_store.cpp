@@ -211,7 +211,7 @@ bool ObjectStore::readSchema(bool allowEmpty) {
         const auto tx = beginTx(TxMode::Read);
         StoreSchemaHost host(*tx);
         std::optional<Catalog> catalog;
-        auto schema = CatalogStore(host).readDefaultSchemaForStore(!allowEmpty, &catalog);
+        auto schema = CatalogStore(host).readDefaultSchemaForStore(!allowEmpty, catalog);
         const bool present = schema != nullptr;
         if (present) setSchema(std::move(schema));
         takeHashes(catalog ? &*catalog : nullptr);
