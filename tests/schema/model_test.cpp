@@ -248,7 +248,7 @@ TEST(ModelReader, SurvivesDamagedBytes) {
     }
     std::mt19937 random(testSeed());
     int readable = 0;
-    constexpr int kRounds = 20000;
+    constexpr int kRounds = 5000;
     for (int round = 0; round < kRounds; ++round) {
         Bytes damaged = Bytes::copyOf(bytes.data(), bytes.size());
         for (auto changes = random() % 4 + 1; changes > 0; --changes) {
