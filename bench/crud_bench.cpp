@@ -184,9 +184,8 @@ private:
     }
 
     void printHeader() const {
-        int major, minor, patch;
-        std::cout << "Quillmere " << qmr_version_string() << ", LMDB "
-                  << mdb_version(&major, &minor, &patch) << ", SQLite " << sqlite3_libversion()
+        std::cout << "Quillmere " << qmr_version_string() << ", "
+                  << mdb_version(nullptr, nullptr, nullptr) << ", SQLite " << sqlite3_libversion()
                   << '\n';
         printMachine(std::cout, settings_.directory);
         std::printf("data         %u objects of %.1f bytes on average, %u for durable singles\n",

@@ -44,19 +44,16 @@ void tellRate(size_t count, const char* what, const StopWatch& watch) {
                 static_cast<double>(count) / seconds);
 }
 
-// A bar on a terminal; four lines elsewhere.
-void tellProgress(size_t done, size_t total) {
-    const int percent = static_cast<int>(done * 100 / total);
+// A bar on a terminal; a line for every ten thousand elsewhere.
+void tellProgress(size_t done, size_t total, const char* what) {
     if (isatty(STDOUT_FILENO)) {
+        const int percent = static_cast<int>(done * 100 / total);
         std::printf("\r   [%-25.*s] %3d %%", percent / 4, "#########################", percent);
         if (done == total) std::printf("\r%40s\r", "");
-    } else {
-        static int told = 0;
-        if (percent / 25 <= told) return;
-        told = percent / 25;
-        std::printf("   %d %%\n", percent);
+        std::fflush(stdout);
+    } else if (done % 10'000 == 0) {
+        std::printf("   %zu of %zu %s\n", done, total, what);
     }
-    std::fflush(stdout);
 }
 
 void expect(bool condition, const char* what) {
@@ -127,9 +124,9 @@ public:
     void tell() const {
         std::printf("   observed %zu commits:", commits_);
         for (const auto& [entity, count] : changes_) {
-            std::printf(" entity %u in %zu,", entity, count);
+            std::printf(" %s in %zu", nameOf(entity), count);
         }
-        std::printf(" the last one changed %zu\n", lastChanged_);
+        std::printf("\n");
     }
     size_t commits() const { return commits_; }
 
@@ -137,12 +134,10 @@ private:
     static void onCommit(void* self, const qmr_schema_id* entities, size_t count) {
         auto* counter = static_cast<CommitCounter*>(self);
         ++counter->commits_;
-        counter->lastChanged_ = count;
         for (size_t i = 0; i < count; ++i) ++counter->changes_[entities[i]];
     }
 
     size_t commits_ = 0;
-    size_t lastChanged_ = 0;
     std::map<qmr_schema_id, size_t> changes_;
     const Observer observer_;  // must be closed before the store
 };
@@ -196,7 +191,7 @@ std::vector<Character> importCharacters(const Store& store) {
             }
         }
         commit(std::move(txn));
-        tellProgress(done, characters.size());
+        tellProgress(done, characters.size(), "characters");
     }
     tellRate(characters.size(), "characters, each thousand durable on disk", watch);
     return characters;
@@ -267,7 +262,7 @@ void updateControls(const Store& store, std::vector<Character>& characters) {
         }
     }
     commit(std::move(txn));
-    tellRate(updated, "control characters given a name", watch);
+    tellRate(updated, "control characters updated in one transaction", watch);
 }
 
 // Ranges stand in the table as two rows, "<..., First>" and "<..., Last>", that are no characters.
@@ -287,7 +282,7 @@ void removeRanges(const Store& store, std::vector<Character>& characters) {
         }
     }
     commit(std::move(txn));
-    tellRate(removed, "range rows removed", watch);
+    tellRate(removed, "range rows removed in one transaction", watch);
     std::erase_if(characters, isRange);
     expect(countObjects(store, kCharacter) == characters.size(), "the number of characters");
 }

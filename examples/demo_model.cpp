@@ -12,9 +12,9 @@ constexpr qmr_uid kImportNoteUid = 1093847561029384700;
 // Adds an entity with its ID property, then property by property in the order of their IDs.
 class EntityWriter {
 public:
-    EntityWriter(QMR_model* model, const char* name, EntityId id, qmr_uid uid)
+    EntityWriter(QMR_model* model, EntityId id, qmr_uid uid)
         : model_(model), uid_(uid) {
-        qmr_model_entity(model, name, id, uid);
+        qmr_model_entity(model, nameOf(id), id, uid);
         property("id", QMRPropertyType_Long, QMRPropertyFlags_ID);
     }
     EntityWriter& property(const char* name, QMRPropertyType type, uint32_t flags = 0) {
@@ -35,24 +35,24 @@ private:
 // need no checks of their own.
 QMR_model* makeModel(bool second) {
     QMR_model* model = qmr_model();
-    EntityWriter country(model, "Country", kCountry, kCountryUid);
+    EntityWriter country(model, kCountry, kCountryUid);
     country.property("code", QMRPropertyType_String).property("name", QMRPropertyType_String);
     if (second) {
         country.property("zoneCount", QMRPropertyType_Int, QMRPropertyFlags_NULLABLE_SCALAR);
     }
-    EntityWriter(model, "Zone", kZone, kZoneUid)
+    EntityWriter(model, kZone, kZoneUid)
         .property("name", QMRPropertyType_String)
         .property("latitude", QMRPropertyType_Double)
         .property("longitude", QMRPropertyType_Double)
         .property("countries", QMRPropertyType_StringVector)
         .property("remark", QMRPropertyType_String);
-    EntityWriter(model, "Character", kCharacter, kCharacterUid)
+    EntityWriter(model, kCharacter, kCharacterUid)
         .property("codePoint", QMRPropertyType_Int)
         .property("name", QMRPropertyType_String)
         .property(second ? "generalCategory" : "category", QMRPropertyType_String)
         .property("upperCase", QMRPropertyType_Int, QMRPropertyFlags_NULLABLE_SCALAR);
     if (!second) {
-        EntityWriter(model, "ImportNote", kImportNote, kImportNoteUid)
+        EntityWriter(model, kImportNote, kImportNoteUid)
             .property("file", QMRPropertyType_String)
             .property("lines", QMRPropertyType_Int)
             .property("time", QMRPropertyType_Date);
@@ -63,6 +63,16 @@ QMR_model* makeModel(bool second) {
 }
 
 }  // namespace
+
+const char* nameOf(qmr_schema_id entity) {
+    switch (entity) {
+        case kCountry: return "Country";
+        case kZone: return "Zone";
+        case kCharacter: return "Character";
+        case kImportNote: return "ImportNote";
+        default: return "unknown";
+    }
+}
 
 QMR_model* makeFirstModel() { return makeModel(false); }
 QMR_model* makeSecondModel() { return makeModel(true); }

@@ -15,6 +15,8 @@
 // and never reused.
 enum EntityId : qmr_schema_id { kCountry = 1, kZone = 2, kCharacter = 3, kImportNote = 4 };
 
+const char* nameOf(qmr_schema_id entity);
+
 // Each object keeps its own ID in its first property. 0 asks the database for a new one.
 constexpr uint16_t kId = 1;
 

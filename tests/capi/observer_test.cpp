@@ -94,8 +94,8 @@ struct SelfCloser {
     QMR_store* store;
     QMR_observer* observer = nullptr;
     int calls = 0;
-    std::vector<qmr_err> codes;
-    std::string message;
+    std::vector<qmr_err> codes{};
+    std::string message{};
 
     static void call(void* user) {
         auto& self = *static_cast<SelfCloser*>(user);

@@ -54,6 +54,10 @@ protected:
         store_.reset();
         options.directory = dir_.path("db");
         store_ = std::make_unique<ObjectStore>(options);
+        store_->setSchema(makeSchema());
+    }
+
+    static std::shared_ptr<Schema> makeSchema() {
         auto schema = std::make_shared<Schema>(1);
         schema->addEntity(makeEntity(kNotes, "Note", 0));
         schema->addEntity(makeEntity(kTags, "Tag", kPropertyIdSelfAssignable));
@@ -62,7 +66,7 @@ protected:
         schema->addEntity(synced);
         schema->addEntity(makeEntity(kDated, "Dated", 0, PropertyType::Date, kPropertyIdCompanion));
         schema->link();
-        store_->setSchema(schema);
+        return schema;
     }
 
     const Entity& entity(uint32_t id) { return store_->requireSchema()->entityById(id); }
