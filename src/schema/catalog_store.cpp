@@ -1,7 +1,5 @@
 #include "schema/catalog_store.h"
 
-#include <utility>
-
 #include "core/checks.h"
 #include "core/error.h"
 #include "core/log.h"
@@ -23,16 +21,14 @@ std::optional<Catalog> CatalogStore::readCatalogOnly() {
 }
 
 std::shared_ptr<Schema> CatalogStore::readDefaultSchemaForStore(
-    bool failIfMissing, std::optional<Catalog>* outCatalog) {
-    std::optional<Catalog> catalog = readCatalogOnly();
-    std::shared_ptr<Schema> schema;
-    if (catalog) {
-        schema = readDefaultSchemaWithEntities(*catalog);
-        CHECK_STATE_AT(98, schema);
-    } else if (failIfMissing) {
-        throwIllegalState("No DB catalog present");
+    bool failIfMissing, std::optional<Catalog>& outCatalog) {
+    outCatalog = readCatalogOnly();
+    if (!outCatalog) {
+        if (failIfMissing) throwIllegalState("No DB catalog present");
+        return nullptr;
     }
-    if (outCatalog) *outCatalog = std::move(catalog);
+    std::shared_ptr<Schema> schema = readDefaultSchemaWithEntities(*outCatalog);
+    CHECK_STATE_AT(98, schema);
     return schema;
 }
 

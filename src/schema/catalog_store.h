@@ -26,9 +26,10 @@ public:
 
     // Without entities. Empty if the store has no catalog.
     std::optional<Catalog> readCatalogOnly();
-    // The linked default schema. A missing catalog gives null or, with `failIfMissing`, throws.
+    // The linked default schema and the catalog. A missing catalog gives null and empty or, with
+    // `failIfMissing`, throws IllegalStateException.
     std::shared_ptr<Schema> readDefaultSchemaForStore(bool failIfMissing,
-                                                      std::optional<Catalog>* outCatalog = nullptr);
+                                                      std::optional<Catalog>& outCatalog);
     // Fills the catalog's default schema, and gives it.
     std::shared_ptr<Schema> readDefaultSchemaWithEntities(const Catalog& catalog);
     // Adds the stored entities to a schema that has none yet, and links it.

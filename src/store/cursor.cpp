@@ -234,7 +234,7 @@ uint64_t Cursor::highestId() {
 
 uint64_t Cursor::count(uint64_t max) {
     uint64_t baseTx = 0;
-    if (entity_ && tx_->isLatest(baseTx)) return countThroughCache(baseTx, max);
+    if (entity_ && !txGone_ && tx_->isLatest(baseTx)) return countThroughCache(baseTx, max);
     return countObjects(max);
 }
 
@@ -305,7 +305,8 @@ void Cursor::putRaw(uint64_t id, const void* data, size_t size) {
     kv_.put(keyBuffer_.data(), keySize_, data, size);
 }
 
-// The one place where objects are written; all that hangs on an object follows it here.
+// The one place where objects are written. `isUpdate` matters to what is derived from the old
+// object: nothing so far.
 void Cursor::writeValue(uint64_t id, const void* data, size_t size, bool /*isUpdate*/) {
     const size_t newSize = sizeToStore(size);
     setKey(id);
@@ -369,6 +370,7 @@ uint64_t Cursor::removeAllBatch(uint64_t& outChanges, bool /*stopEarly*/) {
 
 Cursor& Cursor::cursorFor(uint32_t entityId) {
     CHECK_ARG(entityId);
+    CHECK_STATE_HERE(!txGone_);
     if (entity_ && entity_->id() == entityId) return *this;
     const auto found = siblings_.find(entityId);
     if (found != siblings_.end()) return *found->second;

@@ -14,6 +14,7 @@
 #include "store/object_store.h"
 #include "store/object_table.h"
 #include "store/thread_tx.h"
+#include "store/transaction.h"
 
 namespace quillmere {
 

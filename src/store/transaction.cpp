@@ -360,7 +360,8 @@ std::unique_ptr<Cursor> Transaction::createCursor(const Entity* entity, bool reg
 
 std::unique_ptr<Cursor> Transaction::createKeyValueCursor(uint32_t prefix) {
     requireActive();
-    CHECK_STATE_AT(484, !store_.closed_);
+    CHECK_STATE_TEXT_AT(484, !activity_->storeClosed.load(), "createKeyValueCursor",
+                        "!store_.closed_");
     Cursor::Config config;
     config.prefix = prefix;
     return addCursor(std::make_unique<Cursor>(*this, config), true);

@@ -339,7 +339,8 @@ protected:
 };
 
 TEST_F(DamagedModels, TruncatedBytesAreRefused) {
-    for (size_t size = 1; size < whole_.size(); ++size) {
+    constexpr size_t kPadding = 7;  // at the end, at most
+    for (size_t size = 1; size < whole_.size() - kPadding; ++size) {
         EXPECT_FALSE(opens({whole_.begin(), whole_.begin() + size})) << size;
     }
     EXPECT_TRUE(opens(whole_));

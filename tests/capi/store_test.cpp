@@ -205,7 +205,9 @@ TEST_F(StoreFunctions, WithoutASchemaHaveNoEntities) {
 
 TEST_F(OpenStoreFunctions, TellTypeAndSizes) {
     EXPECT_EQ(1u, qmr_store_type_id(store_.get()));
+    TxnPtr txn = write();
     for (int i = 0; i < 500; ++i) putNote(std::string(200, 'x'));
+    ASSERT_EQ(QMR_SUCCESS, qmr_txn_success(txn.release()));
     const uint64_t onDisk = qmr_store_size_on_disk(store_.get());
     EXPECT_GT(qmr_store_size(store_.get()), 100000u);
     EXPECT_GT(onDisk, 100000u);

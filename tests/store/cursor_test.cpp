@@ -32,8 +32,7 @@ protected:
         options_.putPaddingMode = GetParam();
         options_.maxDataSizeInKb = 100000;  // so that the data size is tracked
         open(options_);
-        RecordProperty("seed", static_cast<int>(seed_));
-        std::cout << "seed " << seed_ << std::endl;
+        std::cout << "seed " << seed_ << ", again with --gtest_random_seed\n";
     }
 
     uint64_t pick(uint64_t count) { return random_() % count; }
@@ -135,7 +134,12 @@ protected:
         committed = model;
     }
 
-    const uint64_t seed_ = std::random_device()() & 0x7FFFFFFF;
+    static uint32_t chooseSeed() {
+        const int given = GTEST_FLAG_GET(random_seed);
+        return given != 0 ? static_cast<uint32_t>(given) : 1 + std::random_device()() % 99999;
+    }
+
+    const uint32_t seed_ = chooseSeed();
     std::mt19937_64 random_{seed_};
     StoreOptions options_;
 };
@@ -385,6 +389,29 @@ TEST_F(CursorTest, KeepsAnExternalCollectorOwnerUntilItCloses) {
     EXPECT_EQ(owner.use_count(), 2);
     notes.reset();
     EXPECT_EQ(owner.use_count(), 1);
+}
+
+TEST_F(CursorTest, RefusesAllWorkOnceItsTransactionIsOver) {
+    putNotes({1, 2});
+    const ObjectBytes note = makeNote(1);
+    for (const bool destroyed : {false, true}) {
+        auto tx = write();
+        const auto notes = cursor(*tx);
+        ASSERT_TRUE(notes->seek(1));
+        destroyed ? tx.reset() : tx->abort();
+        Bytes object;
+        EXPECT_FALSE(notes->current(object));
+        EXPECT_EQ(notes->currentId(), 0u);
+        EXPECT_THROW(notes->get(1, object), IllegalStateException);
+        EXPECT_THROW(notes->first(object), IllegalStateException);
+        EXPECT_THROW(notes->next(object), IllegalStateException);
+        EXPECT_THROW(notes->put(1, note.data(), note.size(), kPut), IllegalStateException);
+        EXPECT_THROW(notes->removeCurrent(), IllegalStateException);
+        EXPECT_THROW(notes->removeAll(), IllegalStateException);
+        EXPECT_THROW(notes->count(), IllegalStateException);
+        EXPECT_THROW(notes->cursorFor(kTags), IllegalStateException);
+    }
+    EXPECT_EQ(storedIds(), (std::vector<uint64_t>{1, 2}));
 }
 
 TEST_F(CursorTest, StaysUsableThroughRecycleAndRenew) {
