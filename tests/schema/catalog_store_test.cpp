@@ -5,7 +5,7 @@
 #include "core/error.h"
 #include "core/flatbuffer_check.h"
 #include "memory_schema_host.h"
-#include "model_spec.h"
+#include "model_table.h"
 #include "schema/entity_record.h"
 #include "schema/schema_sync.h"
 #include "support/expect_throw.h"
@@ -21,7 +21,7 @@ using Tables = flatbuffers::Vector<flatbuffers::Offset<Table>>;
 class CatalogStoreTest : public ::testing::Test {
 protected:
     CatalogStoreTest() {
-        ModelSpec spec = libraryModel();
+        ModelTable spec = libraryModel();
         spec.fourthLastId = {7, 777};
         EntitySpec& book = spec.entity("Book");
         book.externalName = "tome";

@@ -7,7 +7,7 @@
 
 #include "core/error.h"
 #include "core/flatbuffer_check.h"
-#include "model_spec.h"
+#include "model_table.h"
 #include "schema/model_builder.h"
 #include "schema/model_reader.h"
 #include "schema/schema.h"
@@ -32,12 +32,12 @@ void addSmallEntity(ModelBuilder& builder) {
     builder.propertyFlags(kPropertyId);
 }
 
-std::string readFailure(const ModelSpec& spec) {
+std::string readFailure(const ModelTable& spec) {
     return messageOf<SchemaException>([&] { readModel(spec.build()); });
 }
 
 std::string readFailure(void (*change)(EntitySpec&)) {
-    ModelSpec spec = libraryModel();
+    ModelTable spec = libraryModel();
     change(spec.entity("Book"));
     return readFailure(spec);
 }
@@ -184,7 +184,7 @@ TEST(ModelReader, ReadsWhatTheBuilderWrote) {
 }
 
 TEST(ModelReader, RefusesIncompleteModels) {
-    ModelSpec spec = libraryModel();
+    ModelTable spec = libraryModel();
     spec.userVersion = 0;
     EXPECT_EQ(readFailure(spec), "Model without user version");
     spec = libraryModel();
@@ -215,7 +215,7 @@ TEST(ModelReader, ComparesTheLastPropertyIdWithTheProperties) {
               "Last property ID:UID 4:77 is inconsistent for Book: 4:204 vs. n/a");
     EXPECT_EQ(readFailure([](EntitySpec& e) { e.lastPropertyId = {9, 203}; }),
               "Last property ID:UID 9:203 is inconsistent for Book: n/a vs. 3:203");
-    ModelSpec removed = libraryModel();
+    ModelTable removed = libraryModel();
     removed.entity("Book").lastPropertyId = {9, 999};
     EXPECT_TRUE(readModel(removed.build()));
 }
@@ -239,7 +239,7 @@ bool isReadable(const Bytes& bytes) {
 }
 
 TEST(ModelReader, SurvivesDamagedBytes) {
-    ModelSpec spec = libraryModel();
+    ModelTable spec = libraryModel();
     spec.entity("Book").property("pages").hnsw = HnswOptions{.dimensions = 2};
     const Bytes bytes = spec.build();
     for (size_t size = 0; size < bytes.size(); ++size) {

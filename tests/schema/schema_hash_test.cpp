@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "core/error.h"
-#include "model_spec.h"
+#include "model_table.h"
 #include "schema/catalog.h"
 #include "schema/model_reader.h"
 #include "schema/schema.h"
@@ -14,7 +14,7 @@
 namespace quillmere {
 namespace {
 
-std::string hashText(const ModelSpec& spec, const SchemaHashOptions& options) {
+std::string hashText(const ModelTable& spec, const SchemaHashOptions& options) {
     const auto model = readModel(spec.build());
     model->schema->link();
     Catalog catalog = Catalog::create(*model);
@@ -24,8 +24,8 @@ std::string hashText(const ModelSpec& spec, const SchemaHashOptions& options) {
 }
 
 // Which of the three hashes a change alters: a letter each for binding, full and base.
-std::string altered(void (*change)(ModelSpec&)) {
-    ModelSpec spec = libraryModel();
+std::string altered(void (*change)(ModelTable&)) {
+    ModelTable spec = libraryModel();
     change(spec);
     std::string letters;
     const auto compare = [&](const SchemaHashOptions& options, const char* letter) {
@@ -45,39 +45,39 @@ TEST(SchemaHash, StaysTheSameForGood) {
 }
 
 TEST(SchemaHash, LeavesOutWhatItsOptionsSay) {
-    EXPECT_EQ(altered([](ModelSpec& m) {
+    EXPECT_EQ(altered([](ModelTable& m) {
                   std::ranges::reverse(m.entities);
                   std::ranges::reverse(m.entity("Book").properties);
               }),
               "");
-    EXPECT_EQ(altered([](ModelSpec& m) { m.userVersion = 9; }), "");
-    EXPECT_EQ(altered([](ModelSpec& m) { m.entity("Book").property("pages").id.uid = 999; }),
+    EXPECT_EQ(altered([](ModelTable& m) { m.userVersion = 9; }), "");
+    EXPECT_EQ(altered([](ModelTable& m) { m.entity("Book").property("pages").id.uid = 999; }),
               "bfa");
-    EXPECT_EQ(altered([](ModelSpec& m) {
+    EXPECT_EQ(altered([](ModelTable& m) {
                   m.entity("Book").property("pages").type = PropertyType::Short;
               }),
               "bfa");
-    EXPECT_EQ(altered([](ModelSpec& m) { m.entity("Book").relations[0].target = {1, 100}; }),
+    EXPECT_EQ(altered([](ModelTable& m) { m.entity("Book").relations[0].target = {1, 100}; }),
               "bfa");
-    EXPECT_EQ(altered([](ModelSpec& m) { m.entity("Book").property("pages").name = "sheets"; }),
+    EXPECT_EQ(altered([](ModelTable& m) { m.entity("Book").property("pages").name = "sheets"; }),
               "bf");
-    EXPECT_EQ(altered([](ModelSpec& m) { m.entity("Shelf").name = "Rack"; }), "bf");
-    EXPECT_EQ(altered([](ModelSpec& m) { m.entity("Shelf").externalName = "rack"; }), "bf");
-    EXPECT_EQ(altered([](ModelSpec& m) { m.entity("Shelf").lastPropertyId = {9, 999}; }), "bf");
-    EXPECT_EQ(altered([](ModelSpec& m) { m.entity("Book").property("title").index.uid = 999; }),
+    EXPECT_EQ(altered([](ModelTable& m) { m.entity("Shelf").name = "Rack"; }), "bf");
+    EXPECT_EQ(altered([](ModelTable& m) { m.entity("Shelf").externalName = "rack"; }), "bf");
+    EXPECT_EQ(altered([](ModelTable& m) { m.entity("Shelf").lastPropertyId = {9, 999}; }), "bf");
+    EXPECT_EQ(altered([](ModelTable& m) { m.entity("Book").property("title").index.uid = 999; }),
               "bf");
-    EXPECT_EQ(altered([](ModelSpec& m) {
+    EXPECT_EQ(altered([](ModelTable& m) {
                   std::swap(m.entity("Book").property("title").index,
                             m.entity("Book").property("authorId").index);
               }),
               "bf");
-    for (const auto changeLastId : {+[](ModelSpec& m) { m.lastEntityId = {8, 888}; },
-                                    +[](ModelSpec& m) { m.lastIndexId = {8, 888}; },
-                                    +[](ModelSpec& m) { m.lastRelationId = {8, 888}; },
-                                    +[](ModelSpec& m) { m.fourthLastId = {8, 888}; }}) {
+    for (const auto changeLastId : {+[](ModelTable& m) { m.lastEntityId = {8, 888}; },
+                                    +[](ModelTable& m) { m.lastIndexId = {8, 888}; },
+                                    +[](ModelTable& m) { m.lastRelationId = {8, 888}; },
+                                    +[](ModelTable& m) { m.fourthLastId = {8, 888}; }}) {
         EXPECT_EQ(altered(changeLastId), "bf");
     }
-    EXPECT_EQ(altered([](ModelSpec& m) { m.entity("Book").property("pages").secondaryName = "s"; }),
+    EXPECT_EQ(altered([](ModelTable& m) { m.entity("Book").property("pages").secondaryName = "s"; }),
               "b");
 }
 
@@ -85,15 +85,15 @@ TEST(SchemaHash, LeavesOutFlagsByMask) {
     const auto withFlag = [](uint32_t flag) {
         static uint32_t wanted;
         wanted = flag;
-        return altered([](ModelSpec& m) { m.entity("Book").property("pages").flags |= wanted; });
+        return altered([](ModelTable& m) { m.entity("Book").property("pages").flags |= wanted; });
     };
     EXPECT_EQ(withFlag(kPropertyNullableScalar), "b");
     EXPECT_EQ(withFlag(kPropertyNotNull), "bf");
     EXPECT_EQ(withFlag(kPropertyUnsigned), "bf");
     EXPECT_EQ(withFlag(kPropertyReserved), "bfa");
     EXPECT_EQ(withFlag(kPropertyReplaceOnConflict), "bfa");
-    EXPECT_EQ(altered([](ModelSpec& m) { m.entity("Shelf").flags = 1; }), "b");
-    EXPECT_EQ(altered([](ModelSpec& m) { m.entity("Shelf").flags = 2; }), "bfa");
+    EXPECT_EQ(altered([](ModelTable& m) { m.entity("Shelf").flags = 1; }), "b");
+    EXPECT_EQ(altered([](ModelTable& m) { m.entity("Shelf").flags = 2; }), "bfa");
 }
 
 TEST(SchemaHash, NeedsEntities) {

@@ -6,7 +6,7 @@
 
 #include "core/error.h"
 #include "memory_schema_host.h"
-#include "model_spec.h"
+#include "model_table.h"
 #include "schema/model_reader.h"
 #include "schema/schema_hash.h"
 #include "support/expect_throw.h"
@@ -38,7 +38,7 @@ protected:
     // The same after a change, which is taken back.
     template <class Change>
     std::string refusalOf(const Change& change) {
-        const ModelSpec before = spec_;
+        const ModelTable before = spec_;
         change();
         const std::string message = refusal();
         spec_ = before;
@@ -63,7 +63,7 @@ protected:
     }
 
     MemorySchemaHost host_;
-    ModelSpec spec_ = libraryModel();
+    ModelTable spec_ = libraryModel();
     std::optional<Catalog> catalog_;
     std::shared_ptr<Schema> schema_;
 };

@@ -56,7 +56,7 @@ struct EntitySpec {
     }
 };
 
-struct ModelSpec {
+struct ModelTable {
     std::vector<EntitySpec> entities;
     IdUid lastEntityId;
     IdUid lastIndexId;
@@ -134,7 +134,7 @@ inline TableOffset writeSpec(flatbuffers::FlatBufferBuilder& builder, const Enti
     return table.finish();
 }
 
-inline Bytes ModelSpec::build() const {
+inline Bytes ModelTable::build() const {
     using namespace model_format;
     flatbuffers::FlatBufferBuilder builder;
     const auto nameOffset = createText(builder, name);
@@ -159,8 +159,8 @@ inline PropertySpec idProperty(uint64_t uid) {
 
 // Books with a unique indexed title, a to-one relation to their author and a many-to-many relation
 // to shelves; authors and shelves with an ID and a name.
-inline ModelSpec libraryModel() {
-    ModelSpec model;
+inline ModelTable libraryModel() {
+    ModelTable model;
     EntitySpec author{.name = "Author", .id = {1, 100}, .properties = {idProperty(101)}};
     author.add({.name = "name", .type = PropertyType::String, .id = {2, 102}});
     EntitySpec book{.name = "Book", .id = {2, 200}, .properties = {idProperty(201)}};
