@@ -80,6 +80,19 @@ std::vector<Operation> makeOperations(const Settings& settings) {
     };
 }
 
+using Subjects = std::vector<std::unique_ptr<Subject>>;
+constexpr size_t kQuillmere = 0, kLmdb = 1, kSqlite = 2;
+
+Subjects makeSubjects(const Settings& settings) {
+    // Room for every page to be written anew in one transaction.
+    const uint64_t maxSizeInKb = std::max<uint64_t>(1024 * 1024, settings.objects);
+    Subjects subjects;
+    subjects.push_back(makeQuillmereSubject(settings.directory + "/quillmere", maxSizeInKb));
+    subjects.push_back(makeLmdbSubject(settings.directory + "/lmdb", maxSizeInKb));
+    subjects.push_back(makeSqliteSubject(settings.directory + "/sqlite"));
+    return subjects;
+}
+
 double secondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
@@ -130,13 +143,10 @@ private:
 class CrudBench {
 public:
     explicit CrudBench(const Settings& settings)
-        : settings_(settings), data_(settings.objects, 1), operations_(makeOperations(settings)) {
-        // Room for every page to be written anew in one transaction.
-        const uint64_t maxSizeInKb = std::max<uint64_t>(1024 * 1024, settings.objects);
-        const std::string& directory = settings.directory;
-        subjects_.push_back(makeQuillmereSubject(directory + "/quillmere", maxSizeInKb));
-        subjects_.push_back(makeLmdbSubject(directory + "/lmdb", maxSizeInKb));
-        subjects_.push_back(makeSqliteSubject(directory + "/sqlite"));
+        : settings_(settings),
+          data_(settings.objects, 1),
+          operations_(makeOperations(settings)),
+          subjects_(makeSubjects(settings)) {
         std::erase_if(operations_, [&](const Operation& operation) {
             return std::string(operation.name).find(settings.filter) == std::string::npos;
         });
@@ -208,14 +218,15 @@ private:
         std::printf("\n%-38s  %-26s  %-26s\n", "times the rate of raw LMDB", "Quillmere", "SQLite");
         for (size_t i = 0; i < operations_.size(); ++i) {
             std::printf("%-38s  %-26s  %-26s\n", operations_[i].name,
-                        results_[i].ratio(0, 1).c_str(), results_[i].ratio(2, 1).c_str());
+                        results_[i].ratio(kQuillmere, kLmdb).c_str(),
+                        results_[i].ratio(kSqlite, kLmdb).c_str());
         }
     }
 
     const Settings settings_;
     Dataset data_;
     std::vector<Operation> operations_;
-    std::vector<std::unique_ptr<Subject>> subjects_;
+    const Subjects subjects_;
     std::vector<Results> results_;
     Content content_ = Content::kOther;  // of every subject's database between operations
 };
@@ -223,12 +234,8 @@ private:
 // All subjects must read the same: a benchmark that skips work would show as a wrong sum.
 void checkThatAllReadTheSame(const Settings& settings) {
     Dataset data(std::min<uint32_t>(settings.objects, 10'000), 2);
-    std::vector<std::unique_ptr<Subject>> subjects;
-    subjects.push_back(makeLmdbSubject(settings.directory + "/check", 1024 * 1024));
-    subjects.push_back(makeQuillmereSubject(settings.directory + "/check", 1024 * 1024));
-    subjects.push_back(makeSqliteSubject(settings.directory + "/check"));
     std::vector<uint64_t> sums;
-    for (const auto& subject : subjects) {
+    for (const auto& subject : makeSubjects(settings)) {
         data.setIds(subject->drawsIds());
         subject->reset(false);
         subject->put(data, data.count(), 100);
@@ -240,10 +247,8 @@ void checkThatAllReadTheSame(const Settings& settings) {
         }
         if (sums.empty()) sums = {got, walked};
         if (sums != std::vector<uint64_t>{got, walked}) {
-            throw std::runtime_error(subject->name() + " read other bytes than " +
-                                     subjects.front()->name());
+            throw std::runtime_error(subject->name() + " read other bytes than the one before");
         }
-        subject->reset(false);
     }
 }
 
