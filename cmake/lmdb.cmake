@@ -33,7 +33,8 @@ endif()
 get_filename_component(lmdb_source_dir ${lmdb_main_source} DIRECTORY)
 
 include(${lmdb_engine_dir}/edits.cmake)
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${lmdb_engine_dir}/edits.cmake)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${lmdb_engine_dir}/edits.cmake
+             ${PROJECT_SOURCE_DIR}/tools/fetch_lmdb)
 foreach(file midl.c midl.h lmdb.h)
   configure_file(${lmdb_source_dir}/${file} ${lmdb_build_dir}/include/${file} COPYONLY)
 endforeach()

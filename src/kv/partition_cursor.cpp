@@ -235,6 +235,7 @@ void PartitionCursor::txEnded() {
 void PartitionCursor::txDestroyed() {
     txDestroyed_ = true;
     dbCursor_->close(false);
+    forgetPlace();  // nothing may be asked of the transaction any more
 }
 
 void PartitionCursor::renew() {
