@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstdlib>
 #include <map>
 #include <random>
 #include <string>
@@ -15,6 +14,7 @@
 #include "kv_fixture.h"
 #include "support/expect_throw.h"
 #include "support/log_capture.h"
+#include "support/seed.h"
 
 namespace quillmere {
 namespace {
@@ -382,11 +382,7 @@ private:
 };
 
 TEST_F(PartitionCursorTest, BehavesLikeASortedMapUnderRandomOperationsOfSeveralCursors) {
-    const char* const given = std::getenv("QUILLMERE_TEST_SEED");
-    const uint32_t seed = given ? static_cast<uint32_t>(std::strtoul(given, nullptr, 10))
-                                : std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    RandomOperations operations(*store, seed);
+    RandomOperations operations(*store, testSeed());
     for (int round = 0; round < 40 && !HasFailure(); ++round) operations.runTransaction(1000);
 }
 
