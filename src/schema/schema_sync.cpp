@@ -1,5 +1,6 @@
 #include "schema/schema_sync.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -70,7 +71,8 @@ bool updateCatalogFields(const Model& model, Catalog& catalog) {
     bool changed = raiseLastId(catalog.lastEntityId, model.lastEntityId.id, "entity");
     changed |= raiseLastId(catalog.lastIndexId, model.lastIndexId.id, "index");
     changed |= raiseLastId(catalog.lastRelationId, model.lastRelationId.id, "relation");
-    changed |= std::exchange(catalog.fourthLastId, model.fourthLastId.id) != model.fourthLastId.id;
+    const uint32_t fourthLastId = std::max(catalog.fourthLastId, model.fourthLastId.id);
+    changed |= std::exchange(catalog.fourthLastId, fourthLastId) != fourthLastId;
     changed |= std::exchange(catalog.userVersion, model.userVersion) != model.userVersion;
     return changed;
 }

@@ -162,6 +162,8 @@ TEST_F(CursorFunctions, SeekAndCurrentIdFollowThePosition) {
     EXPECT_EQ("nine", next());
     EXPECT_EQ(QMR_SUCCESS, qmr_cursor_current_id(cursor(), nullptr));
     EXPECT_EQ("code 404", next());
+    EXPECT_EQ(QMR_SUCCESS, qmr_cursor_current_id(cursor(), &id));
+    EXPECT_EQ(~uint64_t{0}, id) << "behind the last object";
     EXPECT_EQ(QMR_NOT_FOUND, qmr_cursor_seek(cursor(), 6));
     EXPECT_EQ("nine", next()) << "a step after a missed seek continues from the key asked for";
     EXPECT_EQ(QMR_SUCCESS, qmr_cursor_seek_first_id(cursor(), nullptr));
