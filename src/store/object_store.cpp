@@ -272,7 +272,7 @@ std::weak_ptr<ObjectStore> ObjectStore::weakById(uint64_t id) {
 }
 
 bool ObjectStore::isOpen(const std::string& directory) {
-    return attach(directory) != nullptr;
+    return StoreRegistry::instance().isOpen(directory);
 }
 
 uint64_t ObjectStore::dbFileSize(const std::string& directory) {
@@ -291,6 +291,8 @@ ObjectStore::~ObjectStore() {
             dbExceptionListener_->storeDestroyed();
         } catch (const std::exception& e) {
             logLine("%s [ERROR] DB exception listener failed: %s\n", logTimestamp(), e.what());
+        } catch (...) {
+            logLine("%s [ERROR] DB exception listener failed\n", logTimestamp());
         }
     }
     close();

@@ -189,10 +189,14 @@ uint64_t Transaction::unlockWriteLock() noexcept {
 }
 
 void Transaction::releaseWriteLock() {
-    if (const uint64_t holder = unlockWriteLock(); holder != 0) {
-        throwIllegalState("Illegal writer number ", std::to_string(holder), ", expected ",
-                          std::to_string(number_));
+    if (const uint64_t otherHolder = unlockWriteLock(); otherHolder != 0) {
+        throwIllegalWriter(otherHolder);
     }
+}
+
+void Transaction::throwIllegalWriter(uint64_t holder) const {
+    throwIllegalState("Illegal writer number ", std::to_string(holder), ", expected ",
+                      std::to_string(number_));
 }
 
 // --- commit --------------------------------------------------------------------------------------
@@ -208,10 +212,7 @@ void Transaction::commit(std::vector<uint32_t>* outAffected) {
     const CommitInProgress inProgress(*activity_);
     const uint64_t otherHolder = unlockWriteLock();
     tellCursorsEnded();
-    if (otherHolder != 0) {
-        throwIllegalState("Illegal writer number ", std::to_string(otherHolder), ", expected ",
-                          std::to_string(number_));
-    }
+    if (otherHolder != 0) throwIllegalWriter(otherHolder);
     if (outAffected) *outAffected = affectedEntities_;
     fireListeners();
 }

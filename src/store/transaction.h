@@ -89,6 +89,7 @@ private:
     // Gives another holder that was found instead, which means that the lock was not released.
     uint64_t unlockWriteLock() noexcept;
     void releaseWriteLock();
+    [[noreturn]] void throwIllegalWriter(uint64_t holder) const;
     void requireCommittable();
     void accountDataSize();
     void commitDbTransaction();
