@@ -136,6 +136,10 @@ void Transaction::requireOpenStore() const {
     store_.checkOpen(true);
 }
 
+void Transaction::requireStorage() const {
+    if (activity_->storeClosed.load()) throwWith<StoreClosedException>("Store is closed");
+}
+
 void Transaction::requireActive() const {
     if (!active_) {
         throwIllegalState("TX is not active anymore: #", static_cast<int64_t>(number_));
@@ -275,7 +279,7 @@ void Transaction::abort() {
 void Transaction::abortInternal() {
     if (activity_->storeClosed.load()) {
         // The close has given up waiting for this transaction, and the engine's memory that the
-        // handle refers to is gone: it is left alone.
+        // handle refers to is gone: it can neither be ended nor destroyed any more.
         (void)dbTx_.release();
         active_ = recycled_ = false;
         return;
@@ -349,7 +353,7 @@ void Transaction::reset() {
 
 std::unique_ptr<Cursor> Transaction::createCursor(const Entity* entity, bool registered) {
     requireActive();
-    if (activity_->storeClosed.load()) throwWith<StoreClosedException>("Store is closed");
+    requireStorage();
     CHECK_ARG_NOT_NULL(entity);
     Cursor::Config config;
     config.entity = entity;
@@ -376,7 +380,8 @@ std::unique_ptr<Cursor> Transaction::addCursor(std::unique_ptr<Cursor> cursor, b
 }
 
 std::shared_ptr<DbCursor> Transaction::createDbCursor() {
-    CHECK_STATE_AT(569, dbTx_->isInProgress());
+    CHECK_STATE_TEXT_AT(569, dbTx_ && dbTx_->isInProgress(), "createDbCursor",
+                        "dbTx_->isInProgress()");
     return dbTx_->createDbCursor();
 }
 
@@ -407,6 +412,8 @@ void Transaction::entityAffected(uint32_t entityId) {
 }
 
 PartitionCursor& Transaction::sizeCursor() {
+    requireActive();
+    requireStorage();
     if (!sizeCursor_) {
         PartitionCursor::Config config;
         config.firstPrefix = kTotalSizePrefix;

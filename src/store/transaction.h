@@ -83,6 +83,7 @@ public:
 private:
     void sampleBase();
     void requireOpenStore() const;
+    void requireStorage() const;
     void beginWrite();
     void waitForWriteLock(uint64_t holder);
     // Gives another holder that was found instead, which means that the lock was not released.

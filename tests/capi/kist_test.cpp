@@ -18,7 +18,9 @@ public:
     }
     const QMR_bytes_array* objects() {
         records_.clear();
-        for (const ObjectBytes& object : objects_) records_.push_back({object.data(), object.size()});
+        for (const ObjectBytes& object : objects_) {
+            records_.push_back({object.data(), object.size()});
+        }
         objectArray_ = {records_.data(), records_.size()};
         return &objectArray_;
     }

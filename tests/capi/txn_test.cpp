@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "capi/store_fixture.h"
+#include "support/expected_leak.h"
 
 namespace quillmere {
 namespace {
@@ -113,8 +114,13 @@ TEST_F(Transactions, DataSizeWithoutAccountingIsZero) {
 
 TEST_F(Transactions, SurviveAsHandlesWhenTheStoreIsClosedUnderThem) {
     putNote("x");
-    TxnPtr txn = read();
-    CursorPtr cursor(qmr_cursor(txn.get(), kNote));
+    TxnPtr txn;
+    CursorPtr cursor;
+    {
+        const ExpectedLeak engineTransaction;
+        txn = read();
+        cursor.reset(qmr_cursor(txn.get(), kNote));
+    }
     close();  // waits for the reader, but not forever
     EXPECT_FALSE(qmr_store_is_open(dir_.path().c_str()));
     EXPECT_EQ(nullptr, qmr_cursor(txn.get(), kNote));
