@@ -151,8 +151,8 @@ HnswOptions& ModelBuilder::hnswOptions() const { return currentProperty().hnswOp
 
 void ModelBuilder::entity(std::string_view name, uint32_t id, uint64_t uid) {
     CHECK_STATE_AT(13, !finished_);
-    checkFinishEntity();
     if (name.empty()) throwIllegalArgument("Name cannot be empty");
+    checkFinishEntity();
     activeEntity_ = std::make_unique<EntityBuilder>(name, IdUid{id, uid});
 }
 
