@@ -4,6 +4,7 @@
 // and the removal of data that a migration gives up. Implemented by the object store on one
 // transaction.
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
