@@ -92,7 +92,33 @@ bool sameIndex(const Property& a, const Property& b) {
 
 }  // namespace
 
-const SchemaSyncResult& SchemaSync::syncSchema(const Bytes& modelBytes) {
+std::string SchemaSyncResult::text() const {
+    const std::pair<const char*, uint32_t> counters[] = {
+        {"entities added", entitiesAdded},
+        {"entities renamed", entitiesRenamed},
+        {"entities removed", entitiesRemoved},
+        {"entity flag changes", entityFlagChanges},
+        {"properties added", propertiesAdded},
+        {"properties renamed", propertiesRenamed},
+        {"properties removed", propertiesRemoved},
+        {"properties reordered", propertiesReordered},
+        {"property flag changes", propertyFlagChanges},
+        {"relations added", relationsAdded},
+        {"relations removed", relationsRemoved},
+        {"indexes added", indexesAdded},
+        {"indexes removed", indexesRemoved},
+        {"HNSW indexes added", hnswIndexesAdded},
+    };
+    std::string text;
+    for (const auto& [name, count] : counters) {
+        if (count == 0) continue;
+        if (!text.empty()) text += ", ";
+        text.append(name).append(": ").append(std::to_string(count));
+    }
+    return text;
+}
+
+SchemaSyncResult SchemaSync::syncSchema(const Bytes& modelBytes) {
     CHECK_ARG(modelBytes.hasBytes());
     const Model model = readAndVerify(modelBytes);
     verifyModelHash(model);
@@ -371,6 +397,7 @@ void SchemaSync::addIndex(Entity& entity, const std::shared_ptr<Property>& prope
 }
 
 void SchemaSync::removeIndex(Entity& entity, Property& property) {
+    catalogStore_.checkWritable();
     const uint32_t indexId = property.indexId();
     if (const Index* index = entity.findIndexById(indexId)) host_.removeIndexData(*index);
     if (!existing_->removeIndex(entity, indexId)) {
@@ -395,6 +422,7 @@ void SchemaSync::syncRelations(Entity& entity, const Entity& incoming) {
     }
     for (const auto& relation : storedRelations) {
         if (incoming.findRelationByUid(relation->uid())) continue;
+        catalogStore_.checkWritable();
         host_.removeRelationData(*relation);
         entity.removeRelation(*relation);
         ++result_.relationsRemoved;

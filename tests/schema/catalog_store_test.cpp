@@ -251,6 +251,7 @@ TEST_F(CatalogStoreTest, RefusesIncompleteEntitiesAndReadOnlyStores) {
     EXPECT_EQ(messageOf<IllegalStateException>(
                   [&] { store_.writeEntity(*schema->entities()[0]); }),
               "Can not update schema when opening in read-only mode");
+    EXPECT_THROW(store_.writeEntity(entity), IllegalStateException) << "before it is looked at";
     EXPECT_THROW(store_.writeCatalog(*catalog_), IllegalStateException);
 }
 

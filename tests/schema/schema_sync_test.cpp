@@ -92,9 +92,22 @@ TEST_F(SchemaSyncTest, WritesNothingForTheSameModel) {
     host_.readOnly_ = true;
     EXPECT_FALSE(sync().any());
     spec_.hash.clear();
-    spec_.entity("Shelf").name = "Rack";
-    EXPECT_EQ(refusal<IllegalStateException>(),
-              "Can not update schema when opening in read-only mode");
+    const ModelTable stored = spec_;
+    const auto refuseChange = [&](void (*change)(ModelTable&)) {
+        spec_ = stored;
+        change(spec_);
+        EXPECT_EQ(refusal<IllegalStateException>(),
+                  "Can not update schema when opening in read-only mode");
+    };
+    refuseChange([](ModelTable& m) { m.entity("Shelf").name = "Rack"; });
+    refuseChange([](ModelTable& m) { m.lastEntityId = {4, 400}; });
+    refuseChange([](ModelTable& m) { m.entity("Book").relations.clear(); });
+    refuseChange([](ModelTable& m) { m.entity("Book").remove("authorId"); });
+    refuseChange([](ModelTable& m) {
+        m.entity("Book").relations.clear();
+        std::erase_if(m.entities, [](const EntitySpec& e) { return e.name == "Shelf"; });
+    });
+    EXPECT_TRUE(host_.removals.empty()) << "refused before data is touched";
 }
 
 TEST_F(SchemaSyncTest, RefusesBytesThatAreNoModel) {
