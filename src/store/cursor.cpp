@@ -70,7 +70,6 @@ Cursor::Cursor(Transaction& tx, const Config& config)
       registered_(config.registered),
       trackSize_(entity_ && tx.trackDataSize()),
       allowAnyId_(config.allowAnyId) {
-    kv_.setPositionCallback(&Cursor::onPosition, this);
     if (!entity_ || readOnly_) return;
     refuseWithoutSync();
     entityState_ = &store_.entityState(*entity_, this);
@@ -140,23 +139,29 @@ void Cursor::txGone() noexcept {
 
 // --- the place --------------------------------------------------------------------------------
 
-void Cursor::onPosition(void* context, const Bytes& key, PartitionCursor::Position position) {
-    auto& self = *static_cast<Cursor*>(context);
-    if (position == PartitionCursor::Position::On) [[likely]] {
-        self.takeKey(key);
-    } else {
-        self.id_ = position == PartitionCursor::Position::Behind ? kIdAllOnes : kNoId;
+// Of a move that may have found any key. An exact match needs no check.
+inline bool Cursor::checked(bool found) const {
+    if (found) {
+        const size_t size = kv_.key().size();
+        if (size != kShortKeySize && size != kLongKeySize) [[unlikely]] throwUnexpectedKey(size);
     }
+    return found;
 }
 
-inline void Cursor::takeKey(const Bytes& key) {
-    if (key.size() == kShortKeySize) [[likely]] {
-        id_ = loadBig<uint32_t>(key.data() + kPrefixSize);
-    } else if (key.size() == kLongKeySize) {
-        id_ = loadBig<uint64_t>(key.data() + kPrefixSize);
-    } else {
-        throwUnexpectedKey(key.size());
+// The ID of the current object; 0 before the first, all ones behind the last.
+uint64_t Cursor::place() const {
+    switch (kv_.position()) {
+        case PartitionCursor::Position::On:
+            break;
+        case PartitionCursor::Position::Behind:
+            return kIdAllOnes;
+        default:
+            return kNoId;
     }
+    checked(true);
+    const Bytes& key = kv_.key();
+    return key.size() == kShortKeySize ? loadBig<uint32_t>(key.data() + kPrefixSize)
+                                       : loadBig<uint64_t>(key.data() + kPrefixSize);
 }
 
 inline void Cursor::setKey(uint64_t id) {
@@ -178,7 +183,6 @@ void Cursor::moveTo(uint64_t id) {
         seek(id);
     } else if (id == kNoId) {
         kv_.setPartition(shortPrefix_, longPrefix_);
-        id_ = kNoId;
     } else {
         setKey(kHighestId);
         if (kv_.seekOrNext(keyBuffer_.data(), keySize_)) kv_.next();
@@ -193,11 +197,11 @@ bool Cursor::get(uint64_t id, Bytes& out) {
 }
 
 bool Cursor::first(Bytes& out) {
-    return kv_.first(out);
+    return checked(kv_.first(out));
 }
 
 bool Cursor::next(Bytes& out) {
-    return kv_.next(out);
+    return checked(kv_.next(out));
 }
 
 bool Cursor::seek(uint64_t id) {
@@ -207,28 +211,29 @@ bool Cursor::seek(uint64_t id) {
 
 bool Cursor::seekOrNext(uint64_t id) {
     setKey(id);
-    return kv_.seekOrNext(keyBuffer_.data(), keySize_);
+    return checked(kv_.seekOrNext(keyBuffer_.data(), keySize_));
 }
 
 uint64_t Cursor::seekFirstId() {
-    return kv_.first() ? id_ : kNoId;
+    return kv_.first() ? place() : kNoId;
 }
 
 uint64_t Cursor::seekNextId() {
-    return kv_.next() ? id_ : kNoId;
+    return kv_.next() ? place() : kNoId;
 }
 
 // An object that another cursor removed meanwhile is no longer current.
 uint64_t Cursor::currentId() {
-    if (!isObjectId(id_)) return id_;
-    return kv_.current() ? id_ : kNoId;
+    const uint64_t id = place();
+    return isObjectId(id) && !kv_.current() ? kNoId : id;
 }
 
 uint64_t Cursor::highestId() {
-    const uint64_t place = id_;
+    const uint64_t before = place();
     setKey(kHighestId);
-    const uint64_t highest = kv_.seekOrPrevious(keyBuffer_.data(), keySize_) ? id_ : kNoId;
-    moveTo(place);
+    const uint64_t highest =
+        kv_.seekOrPrevious(keyBuffer_.data(), keySize_) ? place() : kNoId;
+    moveTo(before);
     return highest;
 }
 
@@ -248,9 +253,9 @@ uint64_t Cursor::countThroughCache(uint64_t baseTx, uint64_t max) {
 }
 
 uint64_t Cursor::countObjects(uint64_t max) {
-    const uint64_t place = id_;
+    const uint64_t before = place();
     const uint64_t count = kv_.count(max);
-    moveTo(place);
+    moveTo(before);
     return count;
 }
 
@@ -342,7 +347,7 @@ bool Cursor::remove(uint64_t id) {
 }
 
 bool Cursor::removeCurrent() {
-    if (!isObjectId(id_)) return false;
+    if (!isObjectId(place())) return false;
     size_t oldSize = 0;
     if (trackSize_) kv_.currentValueSize(oldSize);
     if (!kv_.removeCurrent()) return false;
