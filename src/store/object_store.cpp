@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "core/checks.h"
+#include "core/deref.h"
 #include "core/error.h"
 #include "core/feature.h"
 #include "core/flat_options.h"
@@ -143,7 +144,7 @@ ObjectStore::ObjectStore(const StoreOptions& options, std::shared_ptr<PathClaim>
       pathClaim_(std::move(claim)),
       listeners_(std::make_shared<ChangeListeners>()),
       maxDbSizeInKb_(options.maxDbSizeInKb),
-      maxDataSizeBytes_(options.maxDataSizeInKb * 1024),
+      maxDataSizeBytes_(bytesOfKb(options.maxDataSizeInKb)),
       debugFlags_(options.debugFlags),
       putPaddingMode_(static_cast<uint16_t>(options.putPaddingMode)),
       readOnly_(options.readOnly),
@@ -163,7 +164,8 @@ void ObjectStore::open(const StoreOptions& options) {
     provider->prepareDirectory(options);
     const std::string path = provider->canonicalPath(directory_);
     if (options.debugFlags & kDebugThreadSelfTest) {
-        const uint32_t threads = std::clamp(std::thread::hardware_concurrency(), 1u, kSelfTestMaxThreads);
+        const uint32_t threads =
+            std::clamp(std::thread::hardware_concurrency(), 1u, kSelfTestMaxThreads);
         runThreadSelfTest(1, kSelfTestLimitMillis, threads, true);
     }
     if (!options.backupFile.empty()) requireFeature(Feature::Backup);
@@ -442,8 +444,7 @@ void ObjectStore::backUpToFile(const std::string& /*path*/, uint32_t /*flags*/) 
 // --- information ---------------------------------------------------------------------------------
 
 DbStore& ObjectStore::dbStore() const {
-    if (!dbStore_) throwIllegalState("Can not dereference a null pointer (unique)");
-    return *dbStore_;
+    return deref(dbStore_);
 }
 
 uint64_t ObjectStore::size() const {

@@ -2,9 +2,7 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <limits>
 
 #include "core/checks.h"
 #include "core/error.h"
@@ -34,10 +32,6 @@ EngineCursor openCursor(const LmdbErrors& errors, MDB_txn* tx, MDB_dbi dbi, cons
     MDB_cursor* cursor = nullptr;
     errors.check(mdb_cursor_open(tx, dbi, &cursor), failure);
     return EngineCursor(cursor);
-}
-
-size_t mapSize(uint64_t kilobytes) {
-    return std::min<uint64_t>(kilobytes, std::numeric_limits<size_t>::max() / 1024) * 1024;
 }
 
 unsigned openFlags(const StoreOptions& options) {
@@ -105,7 +99,7 @@ void LmdbStore::openEnv(const StoreOptions& options) {
     env_ = env;
     checkOpen(created, "Could not create env for DB");
     CHECK_STATE_TEXT_AT(29, env, "LmdbStore", "dbEnv");
-    checkOpen(mdb_env_set_mapsize(env, mapSize(options.maxDbSizeInKb)),
+    checkOpen(mdb_env_set_mapsize(env, bytesOfKb(options.maxDbSizeInKb)),
               "Could not set max DB size");
     if (options.maxReaders != 0) {
         checkOpen(mdb_env_set_maxreaders(env, options.maxReaders),
