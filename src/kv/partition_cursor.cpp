@@ -177,7 +177,10 @@ void PartitionCursor::put(const Bytes& key, const Bytes& value) {
 void PartitionCursor::put(const void* key, size_t keySize, const void* value, size_t valueSize) {
     if (!key || keySize == 0) throwIllegalArgument("Can not put without a key");
     holdKey(key, keySize);
-    if (valueSize % dataPadding_ == 0) {
+    // After a failure the cursor is on no element; a step continues from the key asked for.
+    position_ = Position::None;
+    dbCursor_->setKey(keyView_);
+    if (valueSize % dataPadding_ == 0 || !value) {  // the provider refuses a null value
         dbCursor_->put(keyView_.data(), keySize, value, valueSize);
     } else {
         putPadded(value, valueSize);
@@ -194,7 +197,7 @@ void PartitionCursor::putPadded(const void* value, size_t size) {
     std::memset(target + size, 0, padded - size);
     dbCursor_->put(keyView_.data(), keyView_.size(), target, padded);
     // One large value must not pin its memory.
-    if (padded > kKeptPaddingBufferSize) padding_.shrinkTo(kKeptPaddingBufferSize);
+    if (padding_.size() > kKeptPaddingBufferSize) padding_.shrinkTo(kKeptPaddingBufferSize);
 }
 
 bool PartitionCursor::removeCurrent() {

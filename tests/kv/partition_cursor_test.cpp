@@ -94,6 +94,25 @@ TEST_F(PartitionCursorTest, PadsValuesWithZerosAndKeepsNoLargeBuffer) {
     EXPECT_TRUE(tx.changed());
 }
 
+TEST_F(PartitionCursorTest, FailedPutLeavesTheCursorOnNoElement) {
+    TestTx tx(*store);
+    PartitionCursor cursor(tx, config());
+    put(cursor, keyOf(kPrefix, 3));
+    put(cursor, keyOf(kPrefix, 1));
+    const std::string longKey = keyOf(kPrefix, 1) + std::string(512, 'k');
+    EXPECT_EQ(messageOf<StorageException>([&] { put(cursor, longKey); }),
+              "Could not put (bad key or value size)");
+    EXPECT_FALSE(cursor.current());
+    EXPECT_THROW(cursor.removeCurrent(), IllegalStateException);
+    EXPECT_TRUE(cursor.next());
+    EXPECT_EQ(keyText(cursor), keyOf(kPrefix, 3));
+    const std::string key = keyOf(kPrefix, 2);
+    EXPECT_EQ(messageOf<ArgumentNullException>(
+                  [&] { cursor.put(key.data(), key.size(), nullptr, 5); }),
+              "Can not put a null value with a size");
+    EXPECT_EQ(cursor.count(), 2u);
+}
+
 TEST_F(PartitionCursorTest, RemoveAllRemovesJustThePartitionAndCountsBytes) {
     TestTx tx(*store);
     PartitionCursor cursor(tx, config());
