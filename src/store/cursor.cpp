@@ -56,6 +56,7 @@ uint32_t checkedPrefix(uint32_t prefix) {
 Cursor::Cursor(Transaction& tx, const Config& config)
     : tx_(&tx),
       store_(tx.store()),
+      activity_(store_.activity_),
       entity_(config.entity),
       shortPrefix_(checkedPrefix(config.prefix)),
       longPrefix_(shortPrefix_ | 1),
@@ -137,6 +138,10 @@ void Cursor::txGone() noexcept {
     for (const auto& [id, sibling] : siblings_) sibling->txGone();
 }
 
+void Cursor::failClosed() {
+    throwWith<StoreClosedException>("Store is already closed");
+}
+
 // --- the place --------------------------------------------------------------------------------
 
 // Of a move that may have found any key. An exact match needs no check.
@@ -193,51 +198,52 @@ void Cursor::moveTo(uint64_t id) {
 
 bool Cursor::get(uint64_t id, Bytes& out) {
     setKey(id);
-    return kv_.get(keyBuffer_.data(), keySize_, out);
+    return openKv().get(keyBuffer_.data(), keySize_, out);
 }
 
 bool Cursor::first(Bytes& out) {
-    return checked(kv_.first(out));
+    return checked(openKv().first(out));
 }
 
 bool Cursor::next(Bytes& out) {
-    return checked(kv_.next(out));
+    return checked(openKv().next(out));
 }
 
 bool Cursor::seek(uint64_t id) {
     setKey(id);
-    return kv_.seek(keyBuffer_.data(), keySize_);
+    return openKv().seek(keyBuffer_.data(), keySize_);
 }
 
 bool Cursor::seekOrNext(uint64_t id) {
     setKey(id);
-    return checked(kv_.seekOrNext(keyBuffer_.data(), keySize_));
+    return checked(openKv().seekOrNext(keyBuffer_.data(), keySize_));
 }
 
 uint64_t Cursor::seekFirstId() {
-    return kv_.first() ? place() : kNoId;
+    return openKv().first() ? place() : kNoId;
 }
 
 uint64_t Cursor::seekNextId() {
-    return kv_.next() ? place() : kNoId;
+    return openKv().next() ? place() : kNoId;
 }
 
 // An object that another cursor removed meanwhile is no longer current.
 uint64_t Cursor::currentId() {
     const uint64_t id = place();
-    return isObjectId(id) && !kv_.current() ? kNoId : id;
+    return isObjectId(id) && !openKv().current() ? kNoId : id;
 }
 
 uint64_t Cursor::highestId() {
     const uint64_t before = place();
     setKey(kHighestId);
     const uint64_t highest =
-        kv_.seekOrPrevious(keyBuffer_.data(), keySize_) ? place() : kNoId;
+        openKv().seekOrPrevious(keyBuffer_.data(), keySize_) ? place() : kNoId;
     moveTo(before);
     return highest;
 }
 
 uint64_t Cursor::count(uint64_t max) {
+    requireStorage();
     uint64_t baseTx = 0;
     if (entity_ && !txGone_ && tx_->isLatest(baseTx)) return countThroughCache(baseTx, max);
     return countObjects(max);
@@ -307,7 +313,7 @@ EntityState& Cursor::requireEntityState() const {
 
 void Cursor::putRaw(uint64_t id, const void* data, size_t size) {
     setKey(id);
-    kv_.put(keyBuffer_.data(), keySize_, data, size);
+    openKv().put(keyBuffer_.data(), keySize_, data, size);
 }
 
 // The one place where objects are written. `isUpdate` matters to what is derived from the old
@@ -316,7 +322,7 @@ void Cursor::writeValue(uint64_t id, const void* data, size_t size, bool /*isUpd
     const size_t newSize = sizeToStore(size);
     setKey(id);
     const size_t oldSize = trackSize_ ? storedSize() : 0;
-    kv_.put(keyBuffer_.data(), keySize_, data, newSize);
+    openKv().put(keyBuffer_.data(), keySize_, data, newSize);
     if (trackSize_) {
         tx_->addDataSizeChange(checkedCast<int64_t>(kv_.paddedSize(newSize)) -
                                checkedCast<int64_t>(oldSize));
@@ -350,7 +356,7 @@ bool Cursor::removeCurrent() {
     if (!isObjectId(place())) return false;
     size_t oldSize = 0;
     if (trackSize_) kv_.currentValueSize(oldSize);
-    if (!kv_.removeCurrent()) return false;
+    if (!openKv().removeCurrent()) return false;
     if (trackSize_) tx_->addDataSizeChange(-checkedCast<int64_t>(oldSize));
     if (entity_) tx_->entityAffected(entity_->id());
     return true;
@@ -364,7 +370,7 @@ uint64_t Cursor::removeAll() {
 // The objects are the only step so far, so that there is nothing to stop early.
 uint64_t Cursor::removeAllBatch(uint64_t& outChanges, bool /*stopEarly*/) {
     uint64_t bytes = 0;
-    const uint64_t removed = kv_.removeAll(trackSize_ ? &bytes : nullptr);
+    const uint64_t removed = openKv().removeAll(trackSize_ ? &bytes : nullptr);
     if (trackSize_) tx_->addDataSizeChange(-checkedCast<int64_t>(bytes));
     if (entity_) tx_->entityAffected(entity_->id());
     outChanges += removed;
@@ -375,6 +381,7 @@ uint64_t Cursor::removeAllBatch(uint64_t& outChanges, bool /*stopEarly*/) {
 
 Cursor& Cursor::cursorFor(uint32_t entityId) {
     CHECK_ARG(entityId);
+    requireStorage();
     CHECK_STATE_HERE(!txGone_);
     if (entity_ && entity_->id() == entityId) return *this;
     const auto found = siblings_.find(entityId);
@@ -384,6 +391,7 @@ Cursor& Cursor::cursorFor(uint32_t entityId) {
 }
 
 Collector& Cursor::collector() {
+    requireStorage();
     if (!entity_) throwIllegalState("No entity available in Cursor");
     if (!collector_) collector_ = std::make_unique<Collector>(*entity_);
     if (collector_->dirty()) throwIllegalState("Collector is dirty");

@@ -14,6 +14,7 @@
 #include "core/hash.h"
 #include "kv/partition_cursor.h"
 #include "store/entity_state.h"
+#include "store/store_activity.h"
 
 namespace quillmere {
 
@@ -51,7 +52,7 @@ public:
     // By increasing ID.
     bool first(Bytes& out);
     bool next(Bytes& out);
-    bool current(Bytes& out) { return kv_.currentValue(out); }
+    bool current(Bytes& out) { return openKv().currentValue(out); }
     bool seek(uint64_t id);
     // The first element at or behind `id`.
     bool seekOrNext(uint64_t id);
@@ -110,6 +111,15 @@ public:
 private:
     bool checked(bool found) const;
     uint64_t place() const;
+    // Throws StoreClosedException once the store has given up waiting for this transaction.
+    void requireStorage() const {
+        if (activity_->storeClosed.load(std::memory_order_relaxed)) [[unlikely]] failClosed();
+    }
+    PartitionCursor& openKv() {
+        requireStorage();
+        return kv_;
+    }
+    [[noreturn, gnu::cold]] static void failClosed();
     void setKey(uint64_t id);
     void moveTo(uint64_t id);
     void refuseWithoutSync() const;
@@ -123,6 +133,7 @@ private:
 
     Transaction* const tx_;
     ObjectStore& store_;
+    const std::shared_ptr<const StoreActivity> activity_;
     const Entity* const entity_;
     std::array<uint8_t, 12> keyBuffer_{};  // the key last asked for: prefix and ID
     size_t keySize_ = 0;

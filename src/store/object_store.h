@@ -125,6 +125,7 @@ public:
     StoreActivity& activity() const { return *activity_; }
 
 private:
+    friend class Cursor;
     friend class Transaction;
     friend class ThreadTx;
     friend class StoreRegistry;
@@ -143,7 +144,6 @@ private:
                                                         std::shared_ptr<PathClaim> claim);
 
     void open(const StoreOptions& options);
-    void takePath(const std::string& path);
     void validateOnOpen();
     bool syncSchema(const Bytes& modelBytes);
     void readHashes();

@@ -125,6 +125,18 @@ TEST_F(Transactions, SurviveAsHandlesWhenTheStoreIsClosedUnderThem) {
     EXPECT_FALSE(qmr_store_is_open(dir_.path().c_str()));
     EXPECT_EQ(nullptr, qmr_cursor(txn.get(), kNote));
     EXPECT_TRUE(lastErrorIs(QMR_ERROR_SHUTTING_DOWN, "Store is already closed"));
+    const void* data = nullptr;
+    size_t size = 0;
+    uint64_t count = 0;
+    const char object[8] = {};
+    EXPECT_EQ(QMR_ERROR_SHUTTING_DOWN, qmr_cursor_get(cursor.get(), 1, &data, &size));
+    EXPECT_EQ(QMR_ERROR_SHUTTING_DOWN, qmr_cursor_first(cursor.get(), &data, &size));
+    EXPECT_EQ(QMR_ERROR_SHUTTING_DOWN, qmr_cursor_next(cursor.get(), &data, &size));
+    EXPECT_EQ(QMR_ERROR_SHUTTING_DOWN, qmr_cursor_current(cursor.get(), &data, &size));
+    EXPECT_EQ(QMR_ERROR_SHUTTING_DOWN, qmr_cursor_count(cursor.get(), &count));
+    EXPECT_EQ(QMR_ERROR_SHUTTING_DOWN, qmr_cursor_put(cursor.get(), 1, object, sizeof object));
+    EXPECT_EQ(QMR_ERROR_SHUTTING_DOWN, qmr_cursor_remove(cursor.get(), 1));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_SHUTTING_DOWN, "Store is already closed"));
     EXPECT_EQ(QMR_SUCCESS, qmr_cursor_close(cursor.release()));
     EXPECT_EQ(QMR_SUCCESS, qmr_txn_close(txn.release()));
     open();
