@@ -393,7 +393,9 @@ QMR_API void qmr_opt_wal_max_file_size_in_kb(QMR_store_options* opt, uint64_t si
 QMR_API void qmr_opt_wal_max_file_size_on_open_in_kb(QMR_store_options* opt, uint64_t size_in_kb);
 /* A backup to restore from; a null file means none. */
 QMR_API void qmr_opt_backup_restore(QMR_store_options* opt, const char* file, uint32_t flags);
-/* Told when a store opens; null clears it. Log lines stay on standard output. */
+/* Told when a store opens; null clears it. Log lines stay on standard output. The callback must not
+ * open, attach to or look for stores, nor remove database files: it runs while the library holds
+ * the lock of its open stores, and would wait for itself. */
 QMR_API void qmr_opt_log_callback(QMR_store_options* opt, QMR_log_callback* callback,
                                   void* user_data);
 

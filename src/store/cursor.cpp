@@ -26,6 +26,7 @@ constexpr uint32_t kObjectPadding = 4;
 constexpr size_t kPrefixSize = 4;
 constexpr size_t kShortKeySize = kPrefixSize + sizeof(uint32_t);
 constexpr size_t kLongKeySize = kPrefixSize + sizeof(uint64_t);
+constexpr size_t kMaxObjectSize = 0xFFFFFFFC;  // what the engine takes, in multiples of 4
 
 uint32_t checkedPrefix(uint32_t prefix) {
     if (subPartitionOf(prefix) != 0) throwIllegalArgument("Illegal sub partition");
@@ -37,6 +38,10 @@ uint32_t checkedPrefix(uint32_t prefix) {
         (size < kPrefixSize ? "Corrupt entity partition, min key size violated: "
                             : "Unexpected key size: ") +
         std::to_string(size));
+}
+
+[[noreturn, gnu::cold, gnu::noinline]] void throwTooLarge(size_t size) {
+    throwIllegalArgument("Object is too large to be stored: ", std::to_string(size));
 }
 
 [[noreturn, gnu::cold, gnu::noinline]] void throwPutRefused(int32_t mode, uint64_t id) {
@@ -331,6 +336,8 @@ void Cursor::writeValue(uint64_t id, const void* data, size_t size, bool /*isUpd
 }
 
 size_t Cursor::sizeToStore(size_t size) const {
+    // Rounded up, a size near the end of the range would become 0.
+    if (size > kMaxObjectSize) [[unlikely]] throwTooLarge(size);
     if (paddingMode_ == kPaddingAutomatic) return (size + 3) & ~size_t{3};
     if (paddingMode_ == kPaddingByCaller && size % kObjectPadding != 0) {
         throwIllegalArgument("Object data is not correctly padded by caller: ",

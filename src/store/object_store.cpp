@@ -458,6 +458,7 @@ uint64_t ObjectStore::sizeOnDisk() const {
 }
 
 uint32_t ObjectStore::typeId() const {
+    checkOpen(true);
     return dbStore().providerId();
 }
 

@@ -38,8 +38,8 @@ public:
     virtual void storeDestroyed() = 0;
 };
 
-// Shared by any number of threads; the last owner's release closes it, on any thread. Closing lets a
-// running write transaction finish without a time limit, queries about 10 seconds and other
+// Shared by any number of threads; the last owner's release closes it, on any thread. Closing lets
+// a running write transaction finish without a time limit, queries about 10 seconds and other
 // transactions about 1 second. Every operation of a store that closes or has closed throws
 // StoreClosedException.
 class ObjectStore {

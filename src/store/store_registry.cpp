@@ -46,6 +46,8 @@ std::shared_ptr<ObjectStore> StoreRegistry::attachOrOpen(const StoreOptions& opt
     for (;;) {
         {
             const std::lock_guard lock(mutex_);
+            // Without a reference: it might become the last one, and close the store here.
+            if (!outAttached && isLive(path)) throwPathInUse(path);
             store = find(path);
             if (store) break;
             if (auto opened = open(options, path)) {
@@ -56,7 +58,6 @@ std::shared_ptr<ObjectStore> StoreRegistry::attachOrOpen(const StoreOptions& opt
         // Not under the mutex: what the closing store waits for may need it.
         PathClaim::awaitRelease(path);
     }
-    if (!outAttached) throwPathInUse(path);
     if (checkMatchingOptions) {
         if (const char* difference = findDifference(options, *store)) {
             throwIllegalState(

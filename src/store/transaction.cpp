@@ -303,6 +303,7 @@ void Transaction::recycle() {
     requireActive();
     CHECK_STATE_AT(368, dbTx_->isInProgress());
     requireOpenStore();
+    forgetDataSize();
     dbTx_->recycleReadOnlyForRenew();
     active_ = false;
     recycled_ = true;
@@ -334,13 +335,13 @@ void Transaction::reset() {
     if (!readOnly_) {
         abort();
         dataSizeChange_ = 0;
-        dataSizeRead_ = false;
-        committedDataSize_ = 0;
+        forgetDataSize();
         changed_ = false;
         return beginWrite();
     }
     requireOpenStore();
     if (!active_) CHECK_STATE_AT(339, !recycled_);
+    forgetDataSize();
     sampleBase();
     if (active_) {
         dbTx_->resetReadOnly();
@@ -468,6 +469,13 @@ void Transaction::accountDataSize() {
     storeNative<uint64_t>(value.data(), checkedCast<uint64_t>(total));
     std::array<uint8_t, 4> keyBuffer;
     sizeCursor().put(totalSizeKey(keyBuffer), Bytes(value.data(), value.size()));
+}
+
+// Another snapshot may have another total.
+void Transaction::forgetDataSize() {
+    sizeCursor_.reset();
+    dataSizeRead_ = false;
+    committedDataSize_ = 0;
 }
 
 void Transaction::dataDropped() {

@@ -96,6 +96,7 @@ private:
     void publishCommit() noexcept;
     void fireListeners();
     PartitionCursor& sizeCursor();
+    void forgetDataSize();
     void abortInternal();
     void renewForDestruction() noexcept;
     void detachCursors() noexcept;

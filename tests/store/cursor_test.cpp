@@ -283,6 +283,22 @@ TEST_F(CursorTest, PadsByTheModeOfTheStore) {
                                           [&] { storedSize(kPaddingByCaller); });
 }
 
+TEST_F(CursorTest, RefusesASizeThatNoObjectCanHave) {
+    for (const uint32_t mode : {kPaddingNone, kPaddingAutomatic, kPaddingByCaller}) {
+        StoreOptions options;
+        options.putPaddingMode = mode;
+        open(options);
+        const auto tx = write();
+        const auto notes = cursor(*tx);
+        for (const size_t size : {~size_t{0}, ~size_t{0} - 3}) {
+            expectThrow<IllegalArgumentException>(
+                "Object is too large to be stored: " + std::to_string(size),
+                [&] { notes->put(1, "1234", size, kPut); });
+        }
+        EXPECT_EQ(notes->count(), 0u);
+    }
+}
+
 TEST_F(CursorTest, WritesNothingInAReadTransaction) {
     putNotes({1});
     const auto tx = read();

@@ -249,6 +249,7 @@ TEST_F(LifecycleTest, storeAboutToCloseRefusesNewWork) {
                                       [&] { store->beginTx(TxMode::Read); });
     expectThrow<StoreClosedException>("Store is closing", [&] { store->checkOpen(false); });
     expectThrow<StoreClosedException>("Store is closing", [&] { store->dropAllRaw(); });
+    expectThrow<StoreClosedException>("Store is closing", [&] { store->typeId(); });
     running->commit();
 }
 
@@ -340,7 +341,8 @@ TEST_F(LifecycleTest, closingDoesNotWaitForCommitsOfItsOwnThread) {
     const LogCapture log;
     awaitTransactions(activity, [&] { ++pauses; });
     EXPECT_EQ(pauses, 1000u);
-    EXPECT_TRUE(log.contains("[WARN ] [Store ] Waiting for 1 TX(s) to finish (wait count: 1000)\n"));
+    EXPECT_TRUE(log.contains("[WARN ] [Store ] Waiting for 1 TX(s) to finish (wait count: "
+                             "1000)\n"));
     EXPECT_TRUE(log.contains("[ERROR] [Store ] Waiting for TXs to finish took too long; please "
                              "ensure that all TXs finish in time. Closing store now, but this may "
                              "lead to undefined behavior.\n"));

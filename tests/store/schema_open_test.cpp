@@ -265,7 +265,8 @@ TEST_F(SchemaOpenTest, droppedDataLeavesTheSchemaAndTellsListeners) {
     put(kTag, 1);
     put(kTag, 2);
     std::vector<uint32_t> heard;
-    store_->addListener([&](const auto& ids) { heard.insert(heard.end(), ids.begin(), ids.end()); });
+    store_->addListener(
+        [&](const auto& ids) { heard.insert(heard.end(), ids.begin(), ids.end()); });
     store_->dropAllData();
     EXPECT_EQ(heard, std::vector<uint32_t>{kTag}) << "Note had no objects";
     EXPECT_EQ(count(kTag), 0u);

@@ -242,7 +242,7 @@ class DataSizeTest : public TransactionTest {
 protected:
     void SetUp() override { openWithLimit(1); }
     void openWithLimit(uint64_t kilobytes) {
-        StoreOptions options;
+        StoreOptions options = severalReadersPerThread();
         options.maxDataSizeInKb = kilobytes;
         open(options);
     }
@@ -304,6 +304,21 @@ TEST_F(DataSizeTest, accountIsLeftAloneWithoutALimit) {
     EXPECT_EQ(tx->remainingDataSize(), 0);
     tx->commit();
     EXPECT_EQ(storedTotal(), 0u);
+}
+
+TEST_F(DataSizeTest, readerOnANewerSnapshotReadsTheTotalAgain) {
+    const auto recycled = read();
+    const auto reset = read();
+    EXPECT_EQ(recycled->getDataSize(), 0u);
+    EXPECT_EQ(reset->getDataSize(), 0u);
+    const auto tx = write();
+    putBytes(*tx, 1, 512);
+    tx->commit();
+    recycled->recycle();
+    recycled->renew();
+    EXPECT_EQ(recycled->getDataSize(), 512u);
+    reset->reset();
+    EXPECT_EQ(reset->getDataSize(), 512u);
 }
 
 TEST_F(DataSizeTest, damagedAccountIsReported) {
