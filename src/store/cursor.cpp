@@ -33,15 +33,15 @@ uint32_t checkedPrefix(uint32_t prefix) {
     return prefix;
 }
 
+[[noreturn, gnu::cold, gnu::noinline]] void throwTooLarge(size_t size) {
+    throwIllegalArgument("Object is too large to be stored: ", std::to_string(size));
+}
+
 [[noreturn, gnu::cold, gnu::noinline]] void throwUnexpectedKey(size_t size) {
     throw DbFileCorruptException(
         (size < kPrefixSize ? "Corrupt entity partition, min key size violated: "
                             : "Unexpected key size: ") +
         std::to_string(size));
-}
-
-[[noreturn, gnu::cold, gnu::noinline]] void throwTooLarge(size_t size) {
-    throwIllegalArgument("Object is too large to be stored: ", std::to_string(size));
 }
 
 [[noreturn, gnu::cold, gnu::noinline]] void throwPutRefused(int32_t mode, uint64_t id) {
@@ -324,6 +324,8 @@ void Cursor::putRaw(uint64_t id, const void* data, size_t size) {
 // The one place where objects are written. `isUpdate` matters to what is derived from the old
 // object: nothing so far.
 void Cursor::writeValue(uint64_t id, const void* data, size_t size, bool /*isUpdate*/) {
+    // Rounded up, a size near the end of the range would become 0.
+    if (size > kMaxObjectSize) [[unlikely]] throwTooLarge(size);
     const size_t newSize = sizeToStore(size);
     setKey(id);
     const size_t oldSize = trackSize_ ? storedSize() : 0;
@@ -336,8 +338,6 @@ void Cursor::writeValue(uint64_t id, const void* data, size_t size, bool /*isUpd
 }
 
 size_t Cursor::sizeToStore(size_t size) const {
-    // Rounded up, a size near the end of the range would become 0.
-    if (size > kMaxObjectSize) [[unlikely]] throwTooLarge(size);
     if (paddingMode_ == kPaddingAutomatic) return (size + 3) & ~size_t{3};
     if (paddingMode_ == kPaddingByCaller && size % kObjectPadding != 0) {
         throwIllegalArgument("Object data is not correctly padded by caller: ",
