@@ -18,7 +18,8 @@ enum class CopyMode : uint32_t {
     Overwrite = 3,    // in place, without an allocation
 };
 
-// Not thread-safe. An owned block is freed by the object; a view lives as long as what it points to.
+// Not thread-safe. An owned block is freed by the object; a view is valid as long as what it points
+// to. A moved-from object is empty.
 class Bytes {
 public:
     Bytes() = default;

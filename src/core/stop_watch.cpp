@@ -6,8 +6,9 @@
 namespace quillmere {
 
 uint64_t StopWatch::elapsedMicros() const {
-    const auto elapsed = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start_);
-    return static_cast<uint64_t>(elapsed.count());
+    using std::chrono::microseconds;
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<microseconds>(Clock::now() - start_).count());
 }
 
 std::string StopWatch::durationText(uint64_t micros) {

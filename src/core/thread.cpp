@@ -59,8 +59,10 @@ Thread::~Thread() {
     // A system thread that is still unjoined ends the process with the destructor of thread_.
 }
 
-void Thread::failSelfDestruction() const noexcept {
+void Thread::failSelfDestruction() noexcept {
     try {
+        // start() may still be about to store the system thread, which must be seen unjoined.
+        std::lock_guard lock(mutex_);
         const IllegalStateException failure(
             joinPieces({"Thread \"", name_, "\" (#", std::to_string(threadNumber()),
                         ") cannot destruct itself."}));

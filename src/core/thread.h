@@ -67,7 +67,7 @@ private:
     void enter();
     void logUncaught(std::exception_ptr exception) const noexcept;
     bool isSelf() const;
-    void failSelfDestruction() const noexcept;
+    void failSelfDestruction() noexcept;
 
     std::mutex mutex_;
     std::thread thread_;  // under mutex_

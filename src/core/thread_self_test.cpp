@@ -139,8 +139,11 @@ private:
     void testContainers();
     void testVectorAndQueue();
 
-    std::shared_ptr<Stage> startStage(const char* namePrefix, bool numbered,
-                                      const std::function<void(Stage&, Worker&, uint32_t)>& task);
+    // The workers get the stage, themselves and their number from 1 on.
+    using StageTask = std::function<void(Stage&, Worker&, uint32_t)>;
+    std::shared_ptr<Stage> startStage(const StageTask& task,
+                                      const std::function<std::string(uint32_t)>& nameOf,
+                                      bool stopAtOnce = false);
     bool awaitAll(const std::atomic<uint32_t>& counter, uint32_t expected) const;
     std::string finishIssue(const Stage& stage) const;
     void destroyWorkers(std::shared_ptr<Stage> stage);
@@ -156,6 +159,10 @@ private:
 
 std::string text(uint32_t number) {
     return std::to_string(number);
+}
+
+std::function<std::string(uint32_t)> numberedName(std::string prefix) {
+    return [prefix = std::move(prefix)](uint32_t number) { return prefix + text(number); };
 }
 
 void SelfTest::report(const std::string& issue) {
@@ -174,17 +181,17 @@ bool SelfTest::awaitAll(const std::atomic<uint32_t>& counter, uint32_t expected)
 }
 
 std::shared_ptr<Stage> SelfTest::startStage(
-    const char* namePrefix, bool numbered,
-    const std::function<void(Stage&, Worker&, uint32_t)>& task) {
+    const StageTask& task, const std::function<std::string(uint32_t)>& nameOf, bool stopAtOnce) {
     auto stage = std::make_shared<Stage>();
     for (uint32_t i = 1; i <= threadCount_; ++i) {
-        const std::string name = numbered ? namePrefix + text(i) : namePrefix;
-        stage->workers.push_back(std::make_unique<Worker>(name, [stage, task, i](Worker& worker) {
+        auto worker = std::make_unique<Worker>(nameOf(i), [stage, task, i](Worker& self) {
             stage->started.fetch_add(1);
-            task(*stage, worker, i);
+            task(*stage, self, i);
             stage->finished.fetch_add(1);
-        }));
-        stage->workers.back()->start();
+        });
+        worker->start();
+        if (stopAtOnce) worker->requestStop();
+        stage->workers.push_back(std::move(worker));
     }
     return stage;
 }
@@ -199,11 +206,13 @@ std::string SelfTest::finishIssue(const Stage& stage) const {
 
 void SelfTest::testLatchAndCounter() {
     const uint32_t limit = limitMillis_;
-    const auto stage = startStage("SelfTest-", true, [limit](Stage& shared, Worker&, uint32_t) {
-        if (shared.go.awaitFor(limit)) shared.awaited.fetch_add(1);
-        shared.countedDown.fetch_add(1);
-        shared.increments.fetch_add(1);
-    });
+    const auto stage = startStage(
+        [limit](Stage& shared, Worker&, uint32_t) {
+            if (shared.go.awaitFor(limit)) shared.awaited.fetch_add(1);
+            shared.countedDown.fetch_add(1);
+            shared.increments.fetch_add(1);
+        },
+        numberedName("SelfTest-"));
     stage->go.countDown();
     const bool allFinished = awaitAll(stage->finished, threadCount_);
     const uint32_t finished = stage->finished;
@@ -222,10 +231,9 @@ void SelfTest::testLatchAndCounter() {
 
 void SelfTest::testStartStopRace() {
     const uint32_t limit = limitMillis_;
-    const auto stage = startStage("RaceTest-", true, [limit](Stage&, Worker& worker, uint32_t) {
-        worker.awaitStopRequest(limit);
-    });
-    for (const auto& worker : stage->workers) worker->requestStop();
+    const auto stage = startStage(
+        [limit](Stage&, Worker& self, uint32_t) { self.awaitStopRequest(limit); },
+        numberedName("RaceTest-"), true);
     if (!awaitAll(stage->finished, threadCount_)) {
         report("(start/stop race) " + finishIssue(*stage));
     }
@@ -234,10 +242,11 @@ void SelfTest::testStartStopRace() {
 
 void SelfTest::testContainers() {
     const auto containers = std::make_shared<Containers>();
-    const auto stage =
-        startStage("ContainerTest", false, [containers](Stage&, Worker&, uint32_t number) {
+    const auto stage = startStage(
+        [containers](Stage&, Worker&, uint32_t number) {
             containers->work(number * Containers::kKeysPerThread);
-        });
+        },
+        [](uint32_t) { return std::string("ContainerTest"); });
     const uint32_t expectedOps =
         threadCount_ * Containers::kKeysPerThread * Containers::kOpsPerKey;
     const bool allFinished = awaitAll(stage->finished, threadCount_);

@@ -83,10 +83,15 @@ public:
 protected:
     DbCursor() = default;
     // Throws IllegalStateException unless a key is set.
-    void requireKey() const;
+    void requireKey() const {
+        if (!key_.hasBytes()) [[unlikely]] failWithoutKey();
+    }
 
     Bytes key_;           // a view, never owned
     bool onKey_ = false;  // the engine stands on the record of key_
+
+private:
+    [[noreturn]] void failWithoutKey() const;
 };
 
 }  // namespace quillmere

@@ -28,7 +28,8 @@ public:
     virtual void resetReadOnly() = 0;
     virtual void recycleReadOnlyForRenew() = 0;
     virtual void renewReadOnly() = 0;
-    // Throws IllegalStateException if the transaction is over.
+    // Throws IllegalStateException if the transaction is over. Where the transaction may end on
+    // another thread meanwhile, close() the cursor before dropping the last reference.
     virtual std::shared_ptr<DbCursor> createDbCursor() = 0;
 
     bool readOnly() const { return readOnly_; }
@@ -37,13 +38,18 @@ public:
 
 protected:
     explicit DbTransaction(bool readOnly) : readOnly_(readOnly) {}
-    void registerCursor(std::weak_ptr<DbCursor> cursor);
+    void registerCursor(const std::shared_ptr<DbCursor>& cursor);
     // Tells all registered cursors that the transaction has ended, outside the lock.
     void releaseCursors();
 
 private:
+    struct RegisteredCursor {
+        const DbCursor* address;  // tells which one, also when it is being destroyed
+        std::weak_ptr<DbCursor> cursor;
+    };
+
     std::mutex cursorsMutex_;
-    std::vector<std::weak_ptr<DbCursor>> cursors_;
+    std::vector<RegisteredCursor> cursors_;
     const bool readOnly_;
 };
 

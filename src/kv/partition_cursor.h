@@ -26,14 +26,14 @@ public:
         Behind = 3,  // behind the partition, or no element in the forward direction
     };
 
-    // Runs after every move, with the key of the element if the position is On.
+    // Runs after every move and put, with the key of the element if the position is On.
     using PositionCallback = void (*)(void* context, const Bytes& key, Position position);
 
     struct Config {
         uint32_t firstPrefix = 0;
         uint32_t lastPrefix = 0;  // inclusive
         uint32_t dataPadding = 1;
-        bool shortPrefix = false;  // keys start with the upper 16 bits alone
+        bool shortPrefix = false;  // keys start with the upper 16 bits of the prefix alone
         bool closeInDestructor = true;
     };
 
@@ -65,6 +65,7 @@ public:
     bool currentValue(Bytes& outValue);
     bool currentValueSize(size_t& outSize);
 
+    // Inserts or replaces; the cursor then stands on the element.
     void put(const Bytes& key, const Bytes& value);
     void put(const void* key, size_t keySize, const void* value, size_t valueSize);
     // Leaves the cursor on the following element: keep the key of the removed one before, and do
@@ -94,21 +95,31 @@ public:
 private:
     enum class Direction { Forward, Backward };
 
-    bool step(bool moved, Direction direction);
-    bool stepOutside(Position position);
-    void setKey(const void* key, size_t size);
+    // The position step after a move of the DbCursor: onto its key, or onto the key asked for.
+    bool stepToFound(bool moved, Direction direction);
+    bool stepToAsked(bool found);
+    bool enterFromFront(Bytes& outValue);
+    Position locate(const Bytes& key);
+    bool settle(Position position);
+    static bool valueOf(bool found, Bytes& outValue);
+    void putPadded(const void* value, size_t size);
+    void holdKey(const void* key, size_t size);
     void growKeyBuffer(size_t size);
+    void forgetPlace();
 
     TxContext& tx_;
     const uint64_t txNumber_;
     uint32_t firstPrefix_;
     uint32_t lastPrefix_;
+    uint8_t firstPrefixBytes_[4];
     uint32_t currentPrefix_ = 0;
     std::shared_ptr<DbCursor> dbCursor_;
     std::unique_ptr<uint8_t[]> keyBuffer_;
     size_t keyBufferSize_ = 0;
-    Bytes keyView_;
-    Bytes padding_;  // scratch for padded values
+    Bytes keyView_;       // the current key, in keyBuffer_
+    Bytes foundKey_;      // the key that the last move gave, in the provider's memory
+    Bytes ignoredValue_;
+    Bytes padding_;       // scratch for padded values
     PositionCallback callback_ = nullptr;
     void* callbackContext_ = nullptr;
     const uint32_t minKeySize_;

@@ -4,9 +4,9 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
+#include "schema/lookup.h"
 #include "schema/property.h"
 
 namespace quillmere {
@@ -58,11 +58,14 @@ public:
     const Property* findPropertyByFlatOffset(uint16_t offset) const;
     // Throws if there is none: "Property ID ... not found in entity ...".
     const Property& propertyById(uint32_t id) const;
+    const Index* findIndexById(uint32_t id) const;
+    const Index* findIndexByUid(uint64_t uid) const;
     const Relation* findRelationById(uint32_t id) const;
+    const Relation* findRelationByUid(uint64_t uid) const;
 
     const Property& idProperty() const { return *idProperty_; }  // set after finish()
-    const Property* idCompanion() const { return idCompanion_; }
-    const Property* expirationTime() const { return expirationTime_; }
+    const Property* idCompanion() const { return idCompanion_; }        // null if there is none
+    const Property* expirationTime() const { return expirationTime_; }  // the same; set by a link
     // Throws SchemaException if there is none.
     const Property& expirationTimeProperty() const;
 
@@ -84,18 +87,24 @@ public:
     void renameProperty(Property& property, const std::string& newName);
     void addRelation(std::shared_ptr<Relation> relation);
     void removeRelation(const Relation& relation);
-    // Takes the order of properties from another definition of the same entity.
-    void reorderProperties(const Entity& like);
+    // Takes the order of properties from another definition of the same entity; false if it was
+    // that already.
+    bool reorderProperties(const Entity& like);
     // Gives this entity and its properties their places in the stored schema.
     void assignIds(const Catalog& catalog, uint32_t schemaId);
     void assignIdsForProperty(Property& property, const Catalog& catalog);
-    // Makes the Index objects anew from the properties.
-    void createIndexes();
-    // Validates and sets up the lookups. Throws SchemaException.
+    // Validates, makes the Index objects and sets up the lookups. Throws SchemaException.
     void finish();
 
 private:
     friend class Schema;
+
+    void findSpecialProperties();
+    void findExpirationTime();
+    void buildLookups();
+    void createIndexes();
+    const std::shared_ptr<Index>& createIndex(const std::shared_ptr<Property>& property);
+    void removeIndex(uint32_t indexId);
 
     uint32_t id_;
     uint64_t uid_;
@@ -108,12 +117,15 @@ private:
     std::string name_;
     std::string externalName_;
     std::vector<std::shared_ptr<Property>> properties_;
-    std::unordered_map<std::string, Property*> byName_;
-    std::unordered_map<uint32_t, Property*> byId_;
-    std::unordered_map<uint64_t, Property*> byUid_;
-    std::unordered_map<uint16_t, Property*> byFlatOffset_;
+    Lookup<std::string, Property> byName_;
+    Lookup<uint32_t, Property> byId_;
+    Lookup<uint64_t, Property> byUid_;
+    Lookup<uint16_t, Property> byFlatOffset_;
     std::vector<std::shared_ptr<Index>> indexes_;
     std::vector<std::shared_ptr<Relation>> relations_;
+    // Others may still point to what was removed, e.g. backlinks until the schema is linked again.
+    std::vector<std::shared_ptr<Property>> removedProperties_;
+    std::vector<std::shared_ptr<Relation>> removedRelations_;
     Property* idProperty_ = nullptr;
     Property* idCompanion_ = nullptr;
     Property* expirationTime_ = nullptr;

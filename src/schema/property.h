@@ -33,12 +33,15 @@ public:
     bool hasFlag(PropertyFlags flag) const { return (flags_ & flag) != 0; }
     bool isIndexed() const { return hasFlag(kPropertyIndexed); }
     bool isRelation() const { return type_ == PropertyType::Relation; }
+    // Empty unless the index is, or is meant to be, of type HNSW.
     const std::shared_ptr<const HnswOptions>& hnswOptions() const { return hnswOptions_; }
 
     // Each throws if it would change what has been set, see the messages in property.cpp.
     void setEntity(uint32_t entityId);
     void setIndex(uint32_t indexId, uint64_t indexUid, uint32_t flags);
     void removeIndex();
+    // As a model or a catalog gives them, complete or not; the flags stay as they are.
+    void setIndexIds(uint32_t indexId, uint64_t indexUid);
     void setFlatOffset(uint32_t offset);
 
     void setName(std::string name) { name_ = std::move(name); }

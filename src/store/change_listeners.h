@@ -19,7 +19,11 @@ public:
     // Gets the changed entities, each once, in order of first change.
     using Listener = std::function<void(const std::vector<uint32_t>& entityIds)>;
 
-    // Throws IllegalStateException inside a listener, or if the lock is not free within 15 seconds.
+    // A bad listener blocks others for no longer than the time-out.
+    explicit ChangeListeners(std::chrono::milliseconds lockTimeout = std::chrono::seconds(15))
+        : lockTimeout_(lockTimeout) {}
+
+    // Throws IllegalStateException inside a listener, or if the lock is not free in time.
     uint64_t add(Listener listener);
     // Gives whether it was found; throws like add().
     bool remove(uint64_t id);
@@ -27,7 +31,7 @@ public:
     void fire(const std::vector<uint32_t>& entityIds);
 
 private:
-    class Lock;
+    class Guard;
     struct Entry {
         uint64_t id;
         Listener listener;
@@ -36,7 +40,7 @@ private:
     void lock(const char* what);
     void unlock() noexcept;
 
-    static constexpr std::chrono::seconds kLockTimeout{15};
+    const std::chrono::milliseconds lockTimeout_;
 
     std::mutex mutex_;  // guards owner_ and count_
     std::condition_variable condition_;

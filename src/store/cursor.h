@@ -27,16 +27,21 @@ class Transaction;
 // race with the transaction's. After the transaction's end it may be destroyed only; a read
 // transaction that is recycled and renewed keeps its cursors. Object bytes given out are views into
 // the store: read-only, valid until the next write of the transaction or its end. IDs 0 and all
-// ones are refused. Put, get and step allocate nothing in the steady state.
+// ones are refused with IllegalArgumentException. Put, get and step allocate nothing in the steady
+// state.
+//
+// The place: a found object is current; a miss leaves the cursor behind the last one. A put makes
+// its object current, a removal the following one. Counting does not move the cursor.
 class Cursor {
 public:
     struct Config {
         const Entity* entity = nullptr;  // null: raw key-value cursor
-        uint32_t prefix = 0;
-        bool registered = true;
+        uint32_t prefix = 0;             // of the partition; its sub partition must be 0
+        bool registered = true;          // the transaction knows the cursor and tells it of its end
         bool allowAnyId = false;
     };
 
+    // Throws IllegalStateException for an entity that this transaction may not write.
     Cursor(Transaction& tx, const Config& config);
     ~Cursor();
     Cursor(const Cursor&) = delete;
@@ -46,14 +51,14 @@ public:
     // By increasing ID.
     bool first(Bytes& out);
     bool next(Bytes& out);
-    bool current(Bytes& out);
+    bool current(Bytes& out) { return kv_.currentValue(out); }
     bool seek(uint64_t id);
     // The first element at or behind `id`.
     bool seekOrNext(uint64_t id);
     uint64_t seekFirstId();  // 0 at the end
     uint64_t seekNextId();   // 0 at the end
     uint64_t currentId();    // 0 before the first, all ones behind the last
-    uint64_t highestId();    // 0 if empty
+    uint64_t highestId();    // 0 if empty; does not move the cursor
     // Stops at `max`; 0 means exact.
     uint64_t count(uint64_t max = 0);
     bool isEmpty() { return count(1) == 0; }
@@ -64,28 +69,38 @@ public:
     bool tryPut(uint64_t id, const void* data, size_t size, int32_t mode);
     // The ID stands in the object: settles it and writes it there. 0 if tryPut() was false.
     uint64_t putObject(void* data, size_t size, int32_t mode);
+    // The final ID for a put, see EntityState::prepareIdForPut.
     uint64_t idForPut(uint64_t id);
-    // Neither padding by mode nor index work.
+    // Neither padding by mode nor any account or upkeep.
     void putRaw(uint64_t id, const void* data, size_t size);
+    // Puts without a look at whether the ID exists. Without `isUpdate` the caller knows that it
+    // does not.
     void writeValue(uint64_t id, const void* data, size_t size, bool isUpdate);
 
+    // Whether there was such an object.
     bool remove(uint64_t id);
+    // The following object is current then: do not step before looking at it.
     bool removeCurrent();
+    // The number of objects removed.
     uint64_t removeAll();
-    // With `stopEarly`, returns after the first step that changed anything.
+    // The same, and adds the changes of each step. With `stopEarly`, returns after the first step
+    // that changed anything.
     uint64_t removeAllBatch(uint64_t& outChanges, bool stopEarly);
 
-    // A cursor of another entity on the same transaction, closed with this one.
+    // The cursor of an entity on the same transaction: this one, or another one that is closed with
+    // this one.
     Cursor& cursorFor(uint32_t entityId);
-    // The collector of this cursor, clean.
+    // The collector of this cursor. Throws IllegalStateException while an object is collected.
     Collector& collector();
-    // Writes what was collected; gives the ID.
+    // Writes what was collected and gives the ID; 0 means a new object. Resets the collector.
     uint64_t collectorPut(uint64_t id);
+    // Lives as long as this cursor. May be set once.
+    void setExternalCollectorOwner(std::shared_ptr<void> owner);
 
-    // Messages of the transaction.
-    void txEnded(bool committed) noexcept;
+    // Messages of the transaction: it has committed or aborted; it reads on from a newer snapshot;
+    // it is being destroyed, told with mutex() held.
+    void txEnded() noexcept;
     void txRenewed();
-    // Only with mutex() held.
     void txGone() noexcept;
     std::mutex& mutex() { return mutex_; }
 
@@ -94,32 +109,39 @@ public:
 
 private:
     static void onPosition(void* context, const Bytes& key, PartitionCursor::Position position);
+    void takeKey(const Bytes& key);
     void setKey(uint64_t id);
-    void requireWrite() const;
-    EntityState& requireEntityState();
-    uint64_t countThroughCache(uint64_t max);
-    size_t storedSize(size_t size) const;
+    void moveTo(uint64_t id);
+    void refuseWithoutSync() const;
+    EntityState& requireEntityState() const;
+    uint64_t countThroughCache(uint64_t baseTx, uint64_t max);
+    uint64_t countObjects(uint64_t max);
+    size_t sizeToStore(size_t size) const;
+    size_t storedSize();
+    void leaveTransaction() noexcept;
+    void closeLowLevel() noexcept;
 
-    Transaction* tx_;
+    Transaction* const tx_;
     ObjectStore& store_;
-    const Entity* entity_;
-    std::array<uint8_t, 12> keyBuffer_{};  // prefix and ID
-    size_t keySize_ = 8;
-    uint64_t id_ = 0;  // of the current key
-    uint32_t shortPrefix_;  // IDs of up to 32 bits
-    uint32_t longPrefix_;
+    const Entity* const entity_;
+    std::array<uint8_t, 12> keyBuffer_{};  // the key last asked for: prefix and ID
+    size_t keySize_ = 0;
+    uint64_t id_ = 0;  // of the place; 0 before the first, all ones behind the last
+    const uint32_t shortPrefix_;  // IDs of up to 32 bits
+    const uint32_t longPrefix_;
     PartitionCursor kv_;
-    std::mutex mutex_;
+    std::mutex mutex_;  // held by closing and by the destruction of the transaction
     const uint64_t txNumber_;
-    uint16_t paddingMode_;
-    uint16_t idFlatOffset_ = 0;
+    const uint16_t paddingMode_;
+    const uint16_t idFlatOffset_;
     const bool readOnly_;
     const bool registered_;
-    bool trackSize_ = false;
+    const bool trackSize_;
     const bool allowAnyId_;
     std::atomic<bool> txGone_{false};
-    EntityState* entityState_ = nullptr;
+    EntityState* entityState_ = nullptr;  // of a write cursor always, of a read cursor once needed
     std::unique_ptr<Collector> collector_;
+    std::shared_ptr<void> externalCollectorOwner_;
     std::unordered_map<uint32_t, std::unique_ptr<Cursor>, FnvHash<uint32_t>> siblings_;
 };
 

@@ -8,8 +8,8 @@
 
 namespace quillmere {
 
-class Cursor;
 class Entity;
+class MutableObjectTable;
 
 enum PutMode : int32_t {
     kPut = 1,
@@ -24,16 +24,17 @@ public:
     // Throws for an entity with an ID companion.
     EntityState(const Entity& entity, uint64_t highestId, uint32_t debugFlags);
 
-    // The final ID for a put: 0 draws the next one.
+    // The final ID for a put: 0 draws the next one. Throws IllegalArgumentException for an ID that
+    // the sequence has not reached, unless callers may assign IDs. IDs are not given back.
     uint64_t prepareIdForPut(uint64_t id);
     // Reserves `count` IDs, at most 10000, and gives the first one.
     uint64_t idsForPut(int64_t count);
-    // Settles the ID of an object and writes it into the caller's buffer. `table` is the object's
-    // FlatBuffers table. May change mode kPut into kPutIdGuaranteedToBeNew if `hasCursor`.
-    uint64_t prepareObjectForPut(bool hasCursor, uint8_t* table, int32_t& mode);
+    // Settles the ID of an object and writes it into the object, which must have the field. May
+    // change mode kPut into kPutIdGuaranteedToBeNew if `hasCursor`.
+    uint64_t prepareObjectForPut(bool hasCursor, const MutableObjectTable& table, int32_t& mode);
 
     // Counts of a state of the database that its base transaction number names. `max` 0 means
-    // exact.
+    // exact. A hit may give more than `max`.
     bool cacheGet(uint64_t baseTx, uint64_t max, uint64_t& outCount);
     void cachePut(uint64_t baseTx, uint64_t max, uint64_t count);
     void cacheClear();
@@ -43,9 +44,14 @@ public:
     uint64_t cacheHits();
 
 private:
+    uint64_t settleId(uint64_t id);
+    uint64_t reserveIds(uint64_t count);
+    bool cacheAnswers(uint64_t baseTx, uint64_t max) const;
+    bool cacheKeeps(uint64_t baseTx, uint64_t max) const;
+
     const Entity& entity_;
-    std::atomic<uint64_t> nextId_;
-    std::mutex idMutex_;  // only for self-assignable IDs
+    std::atomic<uint64_t> nextId_;  // never falls
+    std::mutex idMutex_;            // only for self-assignable IDs
     const uint16_t idFlatOffset_;
     const bool idSelfAssignable_;
 

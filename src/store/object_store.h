@@ -2,7 +2,6 @@
 
 // The root of an open database.
 
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -21,11 +20,13 @@
 
 namespace quillmere {
 
+class Catalog;
 class Cursor;
 class DbStore;
 class Entity;
 class EntityState;
 class Kist;
+class PathClaim;
 class Schema;
 struct StoreActivity;
 struct ThreadTxEntry;
@@ -37,8 +38,8 @@ public:
     virtual void storeDestroyed() = 0;
 };
 
-// Shared by any number of threads; the last owner's release closes it, on any thread. close() lets
-// a running write transaction finish without a time limit, queries about 10 seconds and other
+// Shared by any number of threads; the last owner's release closes it, on any thread. Closing lets a
+// running write transaction finish without a time limit, queries about 10 seconds and other
 // transactions about 1 second. Every operation of a store that closes or has closed throws
 // StoreClosedException.
 class ObjectStore {
@@ -83,8 +84,8 @@ public:
     Kist& kist(uint32_t entityId);
 
     uint64_t addListener(ChangeListeners::Listener listener);
-    bool removeListener(uint64_t id) { return listeners_.remove(id); }
-    void fireListeners(const std::vector<uint32_t>& entityIds) { listeners_.fire(entityIds); }
+    bool removeListener(uint64_t id) { return listeners_->remove(id); }
+    void fireListeners(const std::vector<uint32_t>& entityIds) { listeners_->fire(entityIds); }
     void setDbExceptionListener(std::unique_ptr<DbExceptionListener> listener);
 
     // False if the database has no schema.
@@ -104,17 +105,19 @@ public:
     void dropAllData();
     void dropAllRaw();
     uint64_t removeAllForPanic(const Entity& entity);
-    [[noreturn]] void backUpToFile(const std::string& path, uint32_t flags);
+    // Throws FeatureNotAvailableException: this build has no backup.
+    void backUpToFile(const std::string& path, uint32_t flags);
 
     const std::string& directory() const { return directory_; }
     uint64_t id() const { return id_; }  // 0 outside the registry
     bool readOnly() const { return readOnly_; }
     bool closed() const { return closed_.load(); }
     bool closing() const { return closing_.load(); }
+    uint64_t maxDbSizeInKb() const { return maxDbSizeInKb_; }
     uint64_t maxDataSizeBytes() const { return maxDataSizeBytes_; }
     uint32_t debugFlags() const { return debugFlags_.load(); }
     uint16_t putPaddingMode() const { return putPaddingMode_; }
-    bool openedWithPreviousCommit() const;
+    bool openedWithPreviousCommit() const { return openedWithPreviousCommit_; }
     const KvValidationResult* validationResult() const { return validationResult_.get(); }
     DbStore& dbStore() const;
     StoreActivity& activity() const { return *activity_; }
@@ -130,19 +133,30 @@ private:
     using ThreadTxs =
         std::unordered_map<int32_t, std::shared_ptr<ThreadTxEntry>, FnvHash<int32_t>>;
 
+    // With a claim that was taken before; an empty one is taken when the storage opens.
+    ObjectStore(const StoreOptions& options, std::shared_ptr<PathClaim> claim);
+    static std::unique_ptr<ObjectStore> create(const StoreOptions& options,
+                                               std::shared_ptr<PathClaim> claim);
+    static std::unique_ptr<ObjectStore> createWithModel(const StoreOptions& options,
+                                                        std::shared_ptr<PathClaim> claim);
+
     void open(const StoreOptions& options);
+    void takePath(const std::string& path);
     void validateOnOpen();
+    bool syncSchema(const Bytes& modelBytes);
     void readHashes();
+    void takeHashes(const Catalog* catalog);
     void close() noexcept;
-    void awaitWriters();
-    void awaitCommits();
-    void awaitQueries();
-    void awaitTransactions();
+    void closeStorage() noexcept;
     // Caches of entities are worth nothing once commits came out of order.
     void invalidateCaches();
+    // The transaction that the handles of this thread share; empty if there is none.
+    std::shared_ptr<ThreadTxEntry> threadTxEntry();
+    void markChangedEntities(Transaction& tx);
 
-    std::array<char, 4> marker_{'Q', 'm', 'r', 'e'};  // "Dead" once destroyed
-    std::string directory_;
+    std::atomic<uint32_t> marker_;  // the bytes "Qmre", "Dead" once destroyed
+    const std::string directory_;
+    std::shared_ptr<PathClaim> pathClaim_;
     std::unique_ptr<DbStore> dbStore_;
     uint64_t id_ = 0;
     mutable std::mutex schemaMutex_;
@@ -152,28 +166,27 @@ private:
     EntityStates entityStates_;
     std::mutex kistsMutex_;
     Kists kists_;
-    ChangeListeners listeners_;
+    // Shared with the commit that fires them: a listener may drop the last reference to the store.
+    const std::shared_ptr<ChangeListeners> listeners_;
     std::unique_ptr<DbExceptionListener> dbExceptionListener_;
-    NumberLock writeLock_;
+    NumberLock writeLock_;  // held with the number of the write transaction
     std::atomic<int32_t> writerThread_{0};
-    uint64_t closeTimeLimitNanos_ = 0;  // 0: none
-    uint64_t maxDbSizeInKb_ = 0;
-    uint64_t maxDataSizeBytes_ = 0;
-    std::atomic<uint32_t> debugFlags_{0};
-    uint32_t failureMode_ = 1;
-    uint16_t putPaddingMode_ = 1;
-    bool readOnly_ = false;
-    bool carriedFlag_ = false;
+    // Raised before and after each commit of the engine, so odd in between. Only the holder of
+    // writeLock_ raises it.
+    std::atomic<uint64_t> commitSequence_{0};
+    const uint64_t maxDbSizeInKb_;
+    const uint64_t maxDataSizeBytes_;
+    std::atomic<uint32_t> debugFlags_;
+    const uint16_t putPaddingMode_;
+    const bool readOnly_;
+    bool openedWithPreviousCommit_ = false;
     std::atomic<bool> closed_{false};
     std::atomic<bool> closing_{false};
     std::mutex threadTxsMutex_;
     ThreadTxs threadTxs_;
-    std::shared_ptr<StoreActivity> activity_;
+    const std::shared_ptr<StoreActivity> activity_;
     std::unique_ptr<KvValidationResult> validationResult_;
-    LogCallback logCallback_;
+    const LogCallback logCallback_;
 };
-
-// Process-wide: the number of the latest commit of any store, 0 before the first.
-uint64_t lastCommittedTx();
 
 }  // namespace quillmere

@@ -14,15 +14,19 @@ class Cursor;
 class Entity;
 class ObjectStore;
 
-// The thread's entry in the store's table. Owned by the owner handle.
-struct ThreadTxEntry;
+// The transaction that the handles of a thread share. It goes with its owner handle; nested handles
+// that outlive the owner find it gone.
+struct ThreadTxEntry {
+    std::unique_ptr<Transaction> tx;
+};
 
 // Used on the thread that made it. A write handle that closes without markSuccess() aborts: the
 // owner by destroying the transaction, a nested one by aborting the shared transaction, after which
 // the owner's success fails. Destruction closes without throwing.
 class ThreadTx {
 public:
-    // `entity` may be null; with one, cursor() is a registered cursor on it.
+    // `entity` may be null; with one, cursor() is a registered cursor on it. Fails if the shared
+    // transaction has ended already.
     ThreadTx(ObjectStore& store, TxMode mode, const Entity* entity = nullptr,
              bool existingRequired = false, uint32_t flags = 0);
     ~ThreadTx();
@@ -44,12 +48,20 @@ public:
     bool isOwner() const { return isOwner_; }
 
 private:
+    void join(TxMode mode);
+    void begin(TxMode mode, bool existingRequired, uint32_t flags);
+    // From here on the thread's next handle begins a transaction of its own.
+    void leaveTable() noexcept;
+    static void abortShared(Transaction& tx, bool rethrow);
+    Transaction* shared() const { return entry_ ? entry_->tx.get() : nullptr; }
+
     ObjectStore& store_;
-    std::shared_ptr<ThreadTxEntry> entry_;  // shared with nested handles
+    std::shared_ptr<ThreadTxEntry> entry_;  // shared with nested handles; empty once closed
     std::unique_ptr<Cursor> cursor_;
     const int32_t threadNumber_;
     const bool write_;
     bool isOwner_ = false;
+    bool inTable_ = false;  // this handle's entry stands in the store's table
     bool success_ = false;
     bool closed_ = false;
 };

@@ -55,10 +55,11 @@ public:
     void entityAffected(uint32_t entityId);
     void addDataSizeChange(int64_t change) { dataSizeChange_ += change; }
     int64_t dataSizeChange() const { return dataSizeChange_; }
+    // All data was dropped within this transaction, the stored total included.
+    void dataDropped();
     // The stored total at the start of the transaction, in bytes.
     uint64_t getDataSize();
     int64_t remainingDataSize();
-    void clearCaches();
     bool hasCursors();
     // True only for a read transaction on the newest commit; then gives its base number.
     bool isLatest(uint64_t& outBase) const;
@@ -68,6 +69,7 @@ public:
     ObjectStore& store() const { return store_; }
     uint64_t baseNumber() const { return baseNumber_; }
     bool active() const { return active_; }
+    void requireActive() const;
     bool recycled() const { return recycled_; }
     bool skipSyncCheck() const { return skipSyncCheck_; }
     bool trackDataSize() const { return trackDataSize_; }
@@ -79,25 +81,36 @@ public:
     void removeCursorLocked(Cursor* cursor) noexcept;  // under cursorsMutex()
 
 private:
-    void start();
+    void sampleBase();
+    void requireOpenStore() const;
     void beginWrite();
-    void waitForWriteLock();
+    void waitForWriteLock(uint64_t holder);
+    // Gives another holder that was found instead, which means that the lock was not released.
+    uint64_t unlockWriteLock() noexcept;
     void releaseWriteLock();
+    void requireCommittable();
     void accountDataSize();
     void commitDbTransaction();
-    void publishCommit();
+    void publishCommit() noexcept;
+    void fireListeners();
+    PartitionCursor& sizeCursor();
     void abortInternal();
+    void renewForDestruction() noexcept;
     void detachCursors() noexcept;
-    void tellCursorsEnded(bool committed);
+    void endOnDestruction();
+    void tellCursorsEnded() noexcept;
+    std::unique_ptr<Cursor> addCursor(std::unique_ptr<Cursor> cursor, bool registered);
 
     ObjectStore& store_;
-    std::shared_ptr<StoreActivity> activity_;
+    const std::shared_ptr<StoreActivity> activity_;
     NumberLock& writeLock_;
     uint64_t baseNumber_;
+    uint64_t commitSequence_ = 0;  // of the store, as sampled with baseNumber_
     const bool logging_;
     const bool skipSyncCheck_;
     const bool trackDataSize_;
     const bool enforceMaxDataSize_;
+    bool holdsWriteLock_ = false;
     bool silentChanges_ = false;
     bool active_ = false;
     bool recycled_ = false;
@@ -109,5 +122,9 @@ private:
     uint64_t committedDataSize_ = 0;
     std::unique_ptr<PartitionCursor> sizeCursor_;
 };
+
+// Process-wide: the number of the latest commit of any store, 0 before the first. Numbers are drawn
+// at begin, so it may fall.
+uint64_t lastCommittedTx();
 
 }  // namespace quillmere

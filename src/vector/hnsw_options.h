@@ -46,9 +46,16 @@ struct HnswOptions {
     float levelGrowthFactor = 1.5f;
     uint64_t vectorCacheChunkSize = 0;  // bytes; 0: worked out from vectorCacheSize
 
-    // The flags word that stands for the four switches, and the way back.
+    // The flags word that stands for the four switches, and the way back; other bits are ignored.
     uint32_t flags() const;
     void setFlags(uint32_t flags);
+    // Throws IllegalArgumentException if the size in bytes exceeds 64 bits.
+    void setVectorCacheSizeKb(uint64_t kilobytes);
+
+    bool operator==(const HnswOptions&) const = default;
 };
+
+// "Euclidean" and so on; "Unknown" for every other number.
+const char* vectorDistanceTypeName(VectorDistanceType type);
 
 }  // namespace quillmere

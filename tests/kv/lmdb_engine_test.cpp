@@ -27,6 +27,9 @@ constexpr MDB_dbi kFreeDb = 0;
 constexpr MDB_dbi kMainDb = 1;
 constexpr size_t kPageSize = 4096;
 constexpr size_t kPageHeader = 16;
+// Where the main database's depth and root stand in a meta page.
+constexpr size_t kDepthAt = 94;
+constexpr size_t kRootAt = 128;
 
 struct EnvClose {
     void operator()(MDB_env* env) const { mdb_env_close(env); }
@@ -406,14 +409,18 @@ protected:
     }
     ~DamageTest() override { if (fd_ >= 0) close(fd_); }
 
-    uint8_t byteAt(size_t at) const {
-        uint8_t byte = 0;
-        EXPECT_EQ(pread(fd_, &byte, 1, static_cast<off_t>(at)), 1);
-        return byte;
+    template <typename T>
+    T get(size_t at) const {
+        T value{};
+        EXPECT_EQ(pread(fd_, &value, sizeof(T), static_cast<off_t>(at)), ssize_t{sizeof(T)});
+        return value;
     }
-    void setByte(size_t at, uint8_t byte) const {
-        EXPECT_EQ(pwrite(fd_, &byte, 1, static_cast<off_t>(at)), 1);
+    template <typename T>
+    void set(size_t at, T value) const {
+        EXPECT_EQ(pwrite(fd_, &value, sizeof(T), static_cast<off_t>(at)), ssize_t{sizeof(T)});
     }
+    uint8_t byteAt(size_t at) const { return get<uint8_t>(at); }
+    void setByte(size_t at, uint8_t byte) const { set(at, byte); }
 
     static int validateAll(MDB_txn* txn, QmrPageValidation* result) {
         for (MDB_dbi dbi : {kFreeDb, kMainDb}) {
@@ -427,32 +434,120 @@ protected:
     size_t size_ = 0;
 };
 
-TEST_F(DamageTest, everyFlippedHeaderByteIsJudgedWithoutACrash) {
+TEST_F(DamageTest, everyFlippedByteOfPageAndNodeHeadersIsJudgedWithoutACrash) {
     EnvPtr env = open(MDB_RDONLY);
     openData();
     std::map<int, int> codes;
+    auto flip = [&](size_t at, uint8_t mask) {
+        uint8_t byte = byteAt(at);
+        setByte(at, byte ^ mask);
+        QmrPageValidation result;
+        int rc = validateAll(beginRead(env.get()).get(), &result);
+        codes[rc]++;
+        EXPECT_TRUE(rc == 0 || rc == MDB_CORRUPTED || rc == MDB_PAGE_NOTFOUND) << rc;
+        EXPECT_EQ(result.first_failed_page != 0, rc != 0);
+        TxnPtr txn = beginRead(env.get());
+        QmrFillStats fill;
+        qmr_mdb_fill_stats(openCursor(txn.get()).get(), &fill);
+        setByte(at, byte);
+    };
     for (size_t page = 2 * kPageSize; page < size_; page += kPageSize) {
-        for (size_t at = page; at < page + kPageHeader + 12; at++) {
-            for (uint8_t mask : {0x01, 0x80, 0xff}) {
-                uint8_t byte = byteAt(at);
-                setByte(at, byte ^ mask);
-                TxnPtr txn = beginRead(env.get());
-                QmrPageValidation result;
-                int rc = validateAll(txn.get(), &result);
-                codes[rc]++;
-                ASSERT_TRUE(rc == 0 || rc == MDB_CORRUPTED || rc == MDB_PAGE_NOTFOUND) << rc;
-                ASSERT_EQ(result.first_failed_page != 0, rc != 0);
-                QmrFillStats fill;
-                qmr_mdb_fill_stats(openCursor(txn.get()).get(), &fill);
-                setByte(at, byte);
-            }
+        size_t firstNode = page + get<uint16_t>(page + kPageHeader);
+        for (size_t i = 0; i < kPageHeader + 4; i++) {
+            for (uint8_t mask : {0x01, 0x80, 0xff}) flip(page + i, mask);
+        }
+        for (size_t i = 0; i < 8 && firstNode + i < page + kPageSize; i++) {
+            for (uint8_t mask : {0x01, 0x02, 0x80}) flip(firstNode + i, mask);
         }
     }
-    EXPECT_GT(codes[0], 0);
-    EXPECT_GT(codes[MDB_CORRUPTED], 0);
-    TxnPtr txn = beginRead(env.get());
+    for (int rc : {0, MDB_CORRUPTED, MDB_PAGE_NOTFOUND}) EXPECT_GT(codes[rc], 0) << rc;
     QmrPageValidation result;
-    EXPECT_EQ(validateAll(txn.get(), &result), 0) << "all bytes are back";
+    EXPECT_EQ(validateAll(beginRead(env.get()).get(), &result), 0) << "all bytes are back";
+}
+
+TEST_F(DamageTest, isNamedByItsKindAndPage) {
+    EnvPtr env = open(MDB_RDONLY);
+    openData();
+    MDB_envinfo info;
+    mdb_env_info(env.get(), &info);
+    auto root = get<uint64_t>(info.me_last_txnid % 2 * kPageSize + kRootAt);
+    size_t page = root * kPageSize, lower = page + 12, upper = page + 14;
+    size_t firstChild = page + get<uint16_t>(page + kPageHeader);
+    auto filePages = static_cast<uint16_t>(size_ / kPageSize);
+
+    struct Damage {
+        size_t at;
+        uint16_t value;
+        int code;
+    };
+    for (const Damage& damage : {Damage{firstChild, 0, MDB_CORRUPTED},
+                                 {firstChild, 1, MDB_CORRUPTED},
+                                 {firstChild, static_cast<uint16_t>(root), MDB_CORRUPTED},
+                                 {firstChild, filePages, MDB_PAGE_NOTFOUND},
+                                 {firstChild + 6, 60000, MDB_CORRUPTED},
+                                 {lower, 0, MDB_CORRUPTED},
+                                 {lower, kPageSize, MDB_CORRUPTED},
+                                 {upper, kPageSize + 1, MDB_CORRUPTED},
+                                 {page + kPageHeader, kPageHeader, MDB_CORRUPTED},
+                                 {page + kPageHeader, kPageSize - 4, MDB_CORRUPTED}}) {
+        auto before = get<uint16_t>(damage.at);
+        set(damage.at, damage.value);
+        QmrPageValidation result;
+        TxnPtr txn = beginRead(env.get());
+        EXPECT_EQ(qmr_mdb_validate_pages(openCursor(txn.get()).get(), 1, 0, &result), damage.code)
+            << damage.value << " at " << damage.at - page;
+        EXPECT_EQ(result.first_failed_page, root);
+        set(damage.at, before);
+    }
+}
+
+TEST_F(DamageTest, pageOfTheWrongKindEndsAWalkWithAnError) {
+    EnvPtr env = open(MDB_RDONLY);
+    openData();
+    constexpr size_t kFlags = 10;
+    int failures = 0;
+    for (size_t page = 2 * kPageSize; page < size_; page += kPageSize) {
+        uint8_t flags = byteAt(page + kFlags);
+        setByte(page + kFlags, 0);
+        try {
+            contents(env.get());
+        } catch (const std::runtime_error&) {
+            failures++;
+        }
+        setByte(page + kFlags, flags);
+    }
+    EXPECT_GT(failures, 10);
+}
+
+// Two pages that lead to each other, below a depth that makes a walk without a bound endless.
+TEST_F(DamageTest, treeThatLeadsIntoItselfIsCorrupt) {
+    constexpr uint16_t kBranch = 1, kNodes = 100, kDepth = 30;
+    openData();
+    for (uint64_t number : {2, 3}) {
+        std::vector<uint16_t> page(kPageSize / 2);
+        page[0] = static_cast<uint16_t>(number);
+        page[5] = kBranch;
+        page[6] = kPageHeader + 2 * kNodes;
+        page[7] = kPageSize - 8 * kNodes;
+        for (size_t i = 0; i < kNodes; i++) {
+            size_t node = page[7] + 8 * i;
+            page[8 + i] = static_cast<uint16_t>(node);
+            page[node / 2] = static_cast<uint16_t>(5 - number);
+        }
+        for (size_t i = 0; i < page.size(); i++) set(number * kPageSize + 2 * i, page[i]);
+    }
+    for (size_t meta : {size_t{0}, kPageSize}) {
+        set(meta + kDepthAt, kDepth);
+        set(meta + kRootAt, uint64_t{2});
+    }
+    EnvPtr env = open(MDB_RDONLY);
+    TxnPtr txn = beginRead(env.get());
+    CursorPtr cursor = openCursor(txn.get());
+    QmrPageValidation result;
+    EXPECT_EQ(qmr_mdb_validate_pages(cursor.get(), 0, 1, &result), MDB_CORRUPTED);
+    EXPECT_LE(result.pages_checked, size_ / kPageSize + 1);
+    QmrFillStats fill;
+    EXPECT_EQ(qmr_mdb_fill_stats(cursor.get(), &fill), 0);
 }
 
 TEST_F(DamageTest, everyFlippedByteOfTheMetaPagesIsJudgedWithoutACrash) {

@@ -60,6 +60,17 @@ macro(edit_page_access)
 	data->mv_data = METADATA(omp);")
 endmacro()
 
+# What a search or a step finds in a damaged page is an error, not an abort of the process.
+macro(edit_assertions)
+  foreach(check IN ITEMS "3:IS_LEAF(mp)" "2:IS_LEAF(mc->mc_pg[mc->mc_top])"
+                         "1:IS_BRANCH(mc->mc_pg[mc->mc_top])" "1:!mc->mc_dbi || NUMKEYS(mp) > 1"
+                         "1:i > 0" "1:i < NUMKEYS(mp)")
+    string(REGEX MATCH "^([0-9]):(.*)$" unused "${check}")
+    lmdb_edit(${CMAKE_MATCH_1} "mdb_cassert(mc, ${CMAKE_MATCH_2});"
+              "if (!(${CMAKE_MATCH_2})) return qmr_corrupted(mc);")
+  endforeach()
+endmacro()
+
 # A node that claims duplicates where no sub-cursor exists is corrupt.
 macro(edit_sub_cursors)
   lmdb_edit(5 "\n\t\tmdb_xcursor_init1(mc, leaf);"
@@ -85,6 +96,7 @@ function(edit_lmdb source destination)
   edit_writer_lock()
   edit_open()
   edit_page_access()
+  edit_assertions()
   edit_sub_cursors()
   file(CONFIGURE OUTPUT ${destination} CONTENT "${text}" @ONLY NEWLINE_STYLE UNIX)
 endfunction()

@@ -30,6 +30,7 @@ static int qmr_writer_lock(MDB_env* env);
 static void qmr_writer_unlock(MDB_env* env);
 static int qmr_page_in_file(MDB_env* env, size_t page);
 static int qmr_overflow_in_file(MDB_cursor* mc, const MDB_page* first, size_t page, size_t size);
+static int qmr_corrupted(MDB_cursor* mc);
 static int qmr_no_sub_cursor(MDB_cursor* mc, const MDB_node* node);
 static int qmr_check_sub_cursor(MDB_cursor* mc);
 
@@ -219,6 +220,19 @@ static int qmr_overflow_in_file(MDB_cursor* mc, const MDB_page* first, size_t pa
 
 /* --- Corruption guard ------------------------------------------------------------------------- */
 
+/* Whatever a write transaction did before, it must not be committed. */
+static void qmr_fail_write(MDB_cursor* mc) {
+    if (mc->mc_txn->mt_flags & MDB_TXN_RDONLY)
+        return;
+    mc->mc_txn->mt_flags |= MDB_TXN_ERROR;
+    mc->mc_flags &= ~C_INITIALIZED;
+}
+
+static int qmr_corrupted(MDB_cursor* mc) {
+    qmr_fail_write(mc);
+    return MDB_CORRUPTED;
+}
+
 static int qmr_no_sub_cursor(MDB_cursor* mc, const MDB_node* node) {
     if (node)
         fprintf(stderr,
@@ -227,10 +241,7 @@ static int qmr_no_sub_cursor(MDB_cursor* mc, const MDB_node* node) {
                 node->mn_lo, node->mn_hi, node->mn_flags, node->mn_ksize);
     else
         fprintf(stderr, "Severe error condition: xcursor and node are null.");
-    if (!(mc->mc_txn->mt_flags & MDB_TXN_RDONLY)) {
-        mc->mc_txn->mt_flags |= MDB_TXN_ERROR;
-        mc->mc_flags &= ~C_INITIALIZED;
-    }
+    qmr_fail_write(mc);
     return MDB_BAD_TXN;
 }
 

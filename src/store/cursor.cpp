@@ -1,0 +1,402 @@
+#include "store/cursor.h"
+
+#include <string>
+#include <thread>
+
+#include "core/cast.h"
+#include "core/checks.h"
+#include "core/endian.h"
+#include "core/error.h"
+#include "core/log.h"
+#include "core/store_options.h"
+#include "kv/partition.h"
+#include "schema/entity.h"
+#include "schema/schema.h"
+#include "store/collector.h"
+#include "store/object_id.h"
+#include "store/object_store.h"
+#include "store/object_table.h"
+#include "store/transaction.h"
+
+namespace quillmere {
+
+namespace {
+
+constexpr uint32_t kObjectPadding = 4;
+constexpr size_t kPrefixSize = 4;
+constexpr size_t kShortKeySize = kPrefixSize + sizeof(uint32_t);
+constexpr size_t kLongKeySize = kPrefixSize + sizeof(uint64_t);
+
+uint32_t checkedPrefix(uint32_t prefix) {
+    if (subPartitionOf(prefix) != 0) throwIllegalArgument("Illegal sub partition");
+    return prefix;
+}
+
+[[noreturn, gnu::cold]] void throwUnexpectedKey(size_t size) {
+    throw DbFileCorruptException(
+        (size < kPrefixSize ? "Corrupt entity partition, min key size violated: "
+                            : "Unexpected key size: ") +
+        std::to_string(size));
+}
+
+[[noreturn, gnu::cold]] void throwPutRefused(int32_t mode, uint64_t id) {
+    if (mode == kPutInsert) {
+        throwWith<IdAlreadyExistsException>("Insert failed, given ID already exists: ",
+                                            std::to_string(id));
+    }
+    if (mode == kPutUpdate) {
+        throwWith<IdNotFoundException>("Update failed, given ID doesn't exist: ",
+                                       std::to_string(id));
+    }
+    throwException("Put failed with an unknown error");
+}
+
+}  // namespace
+
+Cursor::Cursor(Transaction& tx, const Config& config)
+    : tx_(&tx),
+      store_(tx.store()),
+      entity_(config.entity),
+      shortPrefix_(checkedPrefix(config.prefix)),
+      longPrefix_(shortPrefix_ | 1),
+      kv_(tx, {.firstPrefix = shortPrefix_,
+               .lastPrefix = longPrefix_,
+               .dataPadding = kObjectPadding,
+               .closeInDestructor = false}),
+      txNumber_(tx.number()),
+      paddingMode_(store_.putPaddingMode()),
+      idFlatOffset_(entity_ ? entity_->idProperty().flatOffset() : 0),
+      readOnly_(tx.readOnly()),
+      registered_(config.registered),
+      trackSize_(entity_ && tx.trackDataSize()),
+      allowAnyId_(config.allowAnyId) {
+    kv_.setPositionCallback(&Cursor::onPosition, this);
+    if (!entity_ || readOnly_) return;
+    refuseWithoutSync();
+    entityState_ = &store_.entityState(*entity_, this);
+}
+
+void Cursor::refuseWithoutSync() const {
+    if (!entity_->hasFlag(kEntitySyncEnabled) || tx_->skipSyncCheck()) return;
+    throwIllegalState("Can not modify object of sync-enabled type \"", entity_->name(),
+                      "\" because sync has not been activated for this store.");
+}
+
+Cursor::~Cursor() {
+    leaveTransaction();
+    externalCollectorOwner_.reset();
+    if (!kv_.isReleased()) {
+        logLine("%s [WARN ] Skipped low-level close of cursor (%s, TX #%zu %s)\n", logTimestamp(),
+                readOnly_ ? "read" : "write", static_cast<size_t>(txNumber_),
+                txGone_ ? "destroyed" : "alive");
+    }
+}
+
+// The destroying transaction holds its mutex of cursors and tries the one of a cursor; this one
+// goes the other way round, and so must not wait either. As long as this mutex is held and txGone_
+// is false, the transaction is alive; from then on as long as its mutex of cursors is held.
+void Cursor::leaveTransaction() noexcept {
+    if (!registered_) {
+        if (!txGone_) closeLowLevel();
+        return;
+    }
+    std::unique_lock own(mutex_);
+    while (!txGone_) {
+        const std::unique_lock cursors(tx_->cursorsMutex(), std::try_to_lock);
+        if (cursors.owns_lock()) {
+            tx_->removeCursorLocked(this);
+            closeLowLevel();
+            return;
+        }
+        own.unlock();
+        std::this_thread::yield();
+        own.lock();
+    }
+}
+
+void Cursor::closeLowLevel() noexcept {
+    siblings_.clear();
+    try {
+        kv_.close(true);
+    } catch (...) {  // the destructor tells
+    }
+}
+
+void Cursor::txEnded() noexcept {
+    kv_.txEnded();
+    for (const auto& [id, sibling] : siblings_) sibling->txEnded();
+}
+
+void Cursor::txRenewed() {
+    kv_.renew();
+    for (const auto& [id, sibling] : siblings_) sibling->txRenewed();
+}
+
+void Cursor::txGone() noexcept {
+    txGone_ = true;
+    kv_.txDestroyed();
+    for (const auto& [id, sibling] : siblings_) sibling->txGone();
+}
+
+// --- the place --------------------------------------------------------------------------------
+
+void Cursor::onPosition(void* context, const Bytes& key, PartitionCursor::Position position) {
+    auto& self = *static_cast<Cursor*>(context);
+    if (position == PartitionCursor::Position::On) [[likely]] {
+        self.takeKey(key);
+    } else {
+        self.id_ = position == PartitionCursor::Position::Behind ? kIdAllOnes : kNoId;
+    }
+}
+
+inline void Cursor::takeKey(const Bytes& key) {
+    if (key.size() == kShortKeySize) [[likely]] {
+        id_ = loadBig<uint32_t>(key.data() + kPrefixSize);
+    } else if (key.size() == kLongKeySize) {
+        id_ = loadBig<uint64_t>(key.data() + kPrefixSize);
+    } else {
+        throwUnexpectedKey(key.size());
+    }
+}
+
+inline void Cursor::setKey(uint64_t id) {
+    if (!isObjectId(id) && !allowAnyId_) [[unlikely]] throwIllegalId(id);
+    if (id <= kHighestShortId) [[likely]] {
+        storeBig(keyBuffer_.data(), shortPrefix_);
+        storeBig(keyBuffer_.data() + kPrefixSize, static_cast<uint32_t>(id));
+        keySize_ = kShortKeySize;
+    } else {
+        storeBig(keyBuffer_.data(), longPrefix_);
+        storeBig(keyBuffer_.data() + kPrefixSize, id);
+        keySize_ = kLongKeySize;
+    }
+}
+
+// Back to a place left for a look elsewhere. What was current then still exists.
+void Cursor::moveTo(uint64_t id) {
+    if (isObjectId(id)) {
+        seek(id);
+    } else if (id == kNoId) {
+        kv_.setPartition(shortPrefix_, longPrefix_);
+        id_ = kNoId;
+    } else {
+        setKey(kHighestId);
+        if (kv_.seekOrNext(keyBuffer_.data(), keySize_)) kv_.next();
+    }
+}
+
+// --- reading ----------------------------------------------------------------------------------
+
+bool Cursor::get(uint64_t id, Bytes& out) {
+    setKey(id);
+    return kv_.get(keyBuffer_.data(), keySize_, out);
+}
+
+bool Cursor::first(Bytes& out) {
+    return kv_.first(out);
+}
+
+bool Cursor::next(Bytes& out) {
+    return kv_.next(out);
+}
+
+bool Cursor::seek(uint64_t id) {
+    setKey(id);
+    return kv_.seek(keyBuffer_.data(), keySize_);
+}
+
+bool Cursor::seekOrNext(uint64_t id) {
+    setKey(id);
+    return kv_.seekOrNext(keyBuffer_.data(), keySize_);
+}
+
+uint64_t Cursor::seekFirstId() {
+    return kv_.first() ? id_ : kNoId;
+}
+
+uint64_t Cursor::seekNextId() {
+    return kv_.next() ? id_ : kNoId;
+}
+
+// An object that another cursor removed meanwhile is no longer current.
+uint64_t Cursor::currentId() {
+    if (!isObjectId(id_)) return id_;
+    return kv_.current() ? id_ : kNoId;
+}
+
+uint64_t Cursor::highestId() {
+    const uint64_t place = id_;
+    setKey(kHighestId);
+    const uint64_t highest = kv_.seekOrPrevious(keyBuffer_.data(), keySize_) ? id_ : kNoId;
+    moveTo(place);
+    return highest;
+}
+
+uint64_t Cursor::count(uint64_t max) {
+    uint64_t baseTx = 0;
+    if (entity_ && !txGone_ && tx_->isLatest(baseTx)) return countThroughCache(baseTx, max);
+    return countObjects(max);
+}
+
+uint64_t Cursor::countThroughCache(uint64_t baseTx, uint64_t max) {
+    if (!entityState_) entityState_ = &store_.entityState(*entity_, this);
+    uint64_t count = 0;
+    if (entityState_->cacheGet(baseTx, max, count)) return max != 0 && count > max ? max : count;
+    count = countObjects(max);
+    entityState_->cachePut(baseTx, max, count);
+    return count;
+}
+
+uint64_t Cursor::countObjects(uint64_t max) {
+    const uint64_t place = id_;
+    const uint64_t count = kv_.count(max);
+    moveTo(place);
+    return count;
+}
+
+// --- putting ----------------------------------------------------------------------------------
+
+void Cursor::put(uint64_t id, const void* data, size_t size, int32_t mode) {
+    if (!tryPut(id, data, size, mode)) throwPutRefused(mode, id);
+}
+
+bool Cursor::tryPut(uint64_t id, const void* data, size_t size, int32_t mode) {
+    switch (mode) {
+        case kPut:
+            writeValue(id, data, size, true);
+            return true;
+        case kPutInsert:
+            if (seek(id)) return false;
+            writeValue(id, data, size, false);
+            return true;
+        case kPutUpdate:
+            if (!seek(id)) return false;
+            writeValue(id, data, size, true);
+            return true;
+        case kPutIdGuaranteedToBeNew:
+            writeValue(id, data, size, false);
+            return true;
+        default:
+            throwIllegalArgument("Illegal put mode: ", int64_t{mode});
+    }
+}
+
+uint64_t Cursor::putObject(void* data, size_t size, int32_t mode) {
+    void* const objectFlatBuffer = data;
+    CHECK_ARG_NOT_NULL(objectFlatBuffer);
+    const MutableObjectTable table(data, size);
+    CHECK_STATE_AT(313, table);
+    const uint64_t id = requireEntityState().prepareObjectForPut(true, table, mode);
+    return tryPut(id, data, size, mode) ? id : kNoId;
+}
+
+uint64_t Cursor::idForPut(uint64_t id) {
+    return requireEntityState().prepareIdForPut(id);
+}
+
+EntityState& Cursor::requireEntityState() const {
+    if (readOnly_) throwException("Cannot put in read transaction");
+    CHECK_STATE_TEXT_AT(729, entityState_, "prepareIdForPut", "entityState_");
+    return *entityState_;
+}
+
+void Cursor::putRaw(uint64_t id, const void* data, size_t size) {
+    setKey(id);
+    kv_.put(keyBuffer_.data(), keySize_, data, size);
+}
+
+// The one place where objects are written. `isUpdate` matters to what is derived from the old
+// object: nothing so far.
+void Cursor::writeValue(uint64_t id, const void* data, size_t size, bool /*isUpdate*/) {
+    const size_t newSize = sizeToStore(size);
+    setKey(id);
+    const size_t oldSize = trackSize_ ? storedSize() : 0;
+    kv_.put(keyBuffer_.data(), keySize_, data, newSize);
+    if (trackSize_) {
+        tx_->addDataSizeChange(checkedCast<int64_t>(kv_.paddedSize(newSize)) -
+                               checkedCast<int64_t>(oldSize));
+    }
+    if (entity_) tx_->entityAffected(entity_->id());
+}
+
+size_t Cursor::sizeToStore(size_t size) const {
+    if (paddingMode_ == kPaddingAutomatic) return (size + 3) & ~size_t{3};
+    if (paddingMode_ == kPaddingByCaller && size % kObjectPadding != 0) {
+        throwIllegalArgument("Object data is not correctly padded by caller: ",
+                             std::to_string(size));
+    }
+    return size;
+}
+
+// Of the object that the key asks for, 0 if there is none.
+size_t Cursor::storedSize() {
+    size_t size = 0;
+    if (kv_.seek(keyBuffer_.data(), keySize_)) kv_.currentValueSize(size);
+    return size;
+}
+
+// --- removing ---------------------------------------------------------------------------------
+
+bool Cursor::remove(uint64_t id) {
+    return seek(id) && removeCurrent();
+}
+
+bool Cursor::removeCurrent() {
+    if (!isObjectId(id_)) return false;
+    size_t oldSize = 0;
+    if (trackSize_) kv_.currentValueSize(oldSize);
+    if (!kv_.removeCurrent()) return false;
+    if (trackSize_) tx_->addDataSizeChange(-checkedCast<int64_t>(oldSize));
+    if (entity_) tx_->entityAffected(entity_->id());
+    return true;
+}
+
+uint64_t Cursor::removeAll() {
+    uint64_t changes = 0;
+    return removeAllBatch(changes, false);
+}
+
+// The objects are the only step so far, so that there is nothing to stop early.
+uint64_t Cursor::removeAllBatch(uint64_t& outChanges, bool /*stopEarly*/) {
+    uint64_t bytes = 0;
+    const uint64_t removed = kv_.removeAll(trackSize_ ? &bytes : nullptr);
+    if (trackSize_) tx_->addDataSizeChange(-checkedCast<int64_t>(bytes));
+    if (entity_) tx_->entityAffected(entity_->id());
+    outChanges += removed;
+    return removed;
+}
+
+// --- other cursors and the collector ----------------------------------------------------------
+
+Cursor& Cursor::cursorFor(uint32_t entityId) {
+    CHECK_ARG(entityId);
+    CHECK_STATE_HERE(!txGone_);
+    if (entity_ && entity_->id() == entityId) return *this;
+    const auto found = siblings_.find(entityId);
+    if (found != siblings_.end()) return *found->second;
+    auto sibling = tx_->createCursor(&store_.requireSchema()->entityById(entityId), false);
+    return *siblings_.emplace(entityId, std::move(sibling)).first->second;
+}
+
+Collector& Cursor::collector() {
+    if (!entity_) throwIllegalState("No entity available in Cursor");
+    if (!collector_) collector_ = std::make_unique<Collector>(*entity_);
+    if (collector_->dirty()) throwIllegalState("Collector is dirty");
+    return *collector_;
+}
+
+uint64_t Cursor::collectorPut(uint64_t id) {
+    if (!collector_) throwIllegalState("Property collection not started before");
+    const Collector::ResetAtEnd reset(*collector_);
+    const uint64_t finalId = requireEntityState().prepareIdForPut(id);
+    const std::span<const uint8_t> object = collector_->finish(idFlatOffset_, finalId);
+    writeValue(finalId, object.data(), object.size(), id != kNoId);
+    return finalId;
+}
+
+void Cursor::setExternalCollectorOwner(std::shared_ptr<void> owner) {
+    if (externalCollectorOwner_) throwIllegalState("Already set");
+    externalCollectorOwner_ = std::move(owner);
+}
+
+}  // namespace quillmere

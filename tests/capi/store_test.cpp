@@ -1,0 +1,381 @@
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "capi/store_fixture.h"
+#include "store/object_store.h"
+
+namespace quillmere {
+namespace {
+
+using StoreFunctions = StoreTest;
+using OpenStoreFunctions = OpenStoreTest;
+
+TEST_F(OpenStoreFunctions, KeepObjectsAcrossReopening) {
+    const uint64_t id = putNote("first");
+    ASSERT_NE(0u, id);
+    reopen();
+    EXPECT_EQ("first", noteText(id));
+    EXPECT_EQ(id + 1, putNote("second"));
+}
+
+TEST_F(StoreFunctions, RefuseOptionsWithAnEarlierFailure) {
+    QMR_store_options* opt = options();
+    EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT, qmr_opt_directory(opt, nullptr));
+    EXPECT_EQ(QMR_SUCCESS, qmr_opt_directory(opt, dir_.path().c_str()));
+    EXPECT_EQ(nullptr, qmr_store_open(opt));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_ARGUMENT,
+                            "An error had occurred before during setting options"));
+}
+
+TEST_F(OpenStoreFunctions, RefuseASecondOpenOfThePathAndLeaveTheStoreAlone) {
+    EXPECT_EQ(nullptr, qmr_store_open(options()));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_STATE,
+                            "Cannot open store: another store is still open using the same path"));
+    EXPECT_NE(0u, putNote("still here"));
+}
+
+TEST_F(OpenStoreFunctions, AttachToAnOpenStore) {
+    bool attached = false;
+    const StorePtr same(qmr_store_attach_or_open(options(), true, &attached));
+    ASSERT_TRUE(same) << qmr_last_error_message();
+    EXPECT_TRUE(attached);
+    const StorePtr byPath(qmr_store_attach(dir_.path().c_str()));
+    const StorePtr byId(qmr_store_attach_id(qmr_store_id(store_.get())));
+    ASSERT_TRUE(byPath && byId);
+    EXPECT_NE(0u, qmr_store_id(store_.get()));
+    EXPECT_EQ(qmr_store_id(store_.get()), qmr_store_id(byPath.get()));
+
+    // Any one record keeps the store open.
+    const uint64_t id = putNote("shared");
+    close();
+    EXPECT_TRUE(qmr_store_is_open(dir_.path().c_str()));
+    uint64_t count = 0;
+    EXPECT_EQ(QMR_SUCCESS, qmr_kist_count(qmr_kist(byId.get(), kNote), 0, &count));
+    EXPECT_EQ(1u, count);
+    EXPECT_EQ(1u, id);
+}
+
+TEST_F(OpenStoreFunctions, CompareOptionsBeforeAttaching) {
+    QMR_store_options* differing = options();
+    qmr_opt_read_only(differing, true);
+    bool attached = true;
+    EXPECT_EQ(nullptr, qmr_store_attach_or_open(differing, true, &attached));
+    EXPECT_TRUE(lastErrorIs(
+        QMR_ERROR_ILLEGAL_STATE,
+        "Given options do not match the existing open store at the same path: read-only"));
+    EXPECT_TRUE(attached) << "written although the call failed";
+
+    differing = options();
+    qmr_opt_read_only(differing, true);
+    const StorePtr store(qmr_store_attach_or_open(differing, false, &attached));
+    EXPECT_TRUE(store);
+}
+
+TEST_F(StoreFunctions, OpenWhatIsNotOpenWhenAttachingIsAllowed) {
+    bool attached = true;
+    store_.reset(qmr_store_attach_or_open(options(), true, &attached));
+    ASSERT_TRUE(store_);
+    EXPECT_FALSE(attached);
+    EXPECT_NE(0u, putNote("open"));
+    const uint64_t oldId = qmr_store_id(store_.get());
+
+    close();
+    EXPECT_EQ(nullptr, qmr_store_attach(dir_.path().c_str()));
+    EXPECT_EQ(nullptr, qmr_store_attach_id(oldId));
+    EXPECT_FALSE(qmr_store_is_open(dir_.path().c_str()));
+    EXPECT_TRUE(noLastError());
+    store_.reset(qmr_store_attach_or_open(options(), true, nullptr));
+    EXPECT_GT(qmr_store_id(store_.get()), oldId);
+}
+
+TEST_F(StoreFunctions, TakeANullDirectoryForTheDefaultOne) {
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(dir_.path());
+    EXPECT_EQ(nullptr, qmr_store_attach(nullptr));
+    EXPECT_TRUE(noLastError());
+    QMR_store_options* opt = qmr_opt();
+    qmr_opt_model(opt, noteModel());
+    store_.reset(qmr_store_open(opt));
+    const StorePtr attached(qmr_store_attach(nullptr));
+    EXPECT_TRUE(attached);
+    EXPECT_TRUE(qmr_store_is_open(nullptr));
+    EXPECT_GT(qmr_db_file_size(nullptr), 0u);
+    std::filesystem::current_path(before);
+    EXPECT_TRUE(qmr_store_is_open(dir_.path("quillmere").c_str()));
+}
+
+TEST_F(OpenStoreFunctions, ClonesShareTheStore) {
+    StorePtr clone(qmr_store_clone(store_.get()));
+    ASSERT_TRUE(clone);
+    const uint64_t id = putNote("seen by both");
+    store_.swap(clone);
+    clone.reset();
+    EXPECT_EQ("seen by both", noteText(id));
+}
+
+TEST_F(StoreFunctions, WrappedStoresAreOnlyBorrowed) {
+    QMR_store_options* opt = options();
+    StorePtr schemaWriter(qmr_store_open(opt));
+    schemaWriter.reset();
+    StoreOptions core;
+    core.directory = dir_.path();
+    const std::unique_ptr<ObjectStore> owned = ObjectStore::create(core);
+
+    store_.reset(qmr_store_wrap(owned.get()));
+    ASSERT_TRUE(store_);
+    EXPECT_NE(0u, putNote("borrowed"));
+    EXPECT_EQ(nullptr, qmr_store_clone(store_.get()));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_STATE, "Shared store instance is unavailable"));
+    const WeakStorePtr weak(qmr_weak_store(store_.get()));
+    EXPECT_EQ(nullptr, qmr_weak_store_lock(weak.get()));
+    EXPECT_TRUE(noLastError());
+
+    close();
+    EXPECT_FALSE(owned->closed());
+    owned->prepareToClose();
+    EXPECT_EQ(nullptr, qmr_store_wrap(owned.get()));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_ARGUMENT, "Store is not open"));
+}
+
+TEST_F(OpenStoreFunctions, WeakStoresDoNotKeepTheStoreOpen) {
+    const uint64_t id = qmr_store_id(store_.get());
+    const WeakStorePtr weak(qmr_weak_store(store_.get()));
+    const WeakStorePtr weakById(qmr_weak_store_by_id(id));
+    ASSERT_TRUE(weak && weakById);
+    StorePtr locked(qmr_weak_store_lock(weak.get()));
+    close();
+    ASSERT_TRUE(locked);
+    EXPECT_EQ(id, qmr_store_id(locked.get()));
+
+    locked.reset();
+    EXPECT_EQ(nullptr, qmr_weak_store_lock(weak.get()));
+    EXPECT_EQ(nullptr, qmr_weak_store_lock(weakById.get()));
+    EXPECT_EQ(nullptr, qmr_weak_store_by_id(id));
+    EXPECT_TRUE(noLastError());
+}
+
+TEST_F(OpenStoreFunctions, AClosingStoreFinishesWhatRunsAndRefusesTheRest) {
+    TxnPtr txn = write();
+    const CursorPtr cursor(qmr_cursor(txn.get(), kNote));
+    QMR_kist* kist = notes();
+    EXPECT_EQ(QMR_SUCCESS, qmr_store_prepare_to_close(store_.get()));
+    const ObjectBytes object = makeNote(1, "last");
+    EXPECT_EQ(QMR_SUCCESS, qmr_cursor_put(cursor.get(), 1, object.data(), object.size()));
+    EXPECT_EQ(QMR_SUCCESS, qmr_txn_success(txn.release()));
+
+    EXPECT_EQ(nullptr, qmr_txn_write(store_.get()));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_SHUTTING_DOWN, "Store is closing"));
+    EXPECT_EQ(QMR_ERROR_SHUTTING_DOWN, qmr_kist_put(kist, 1, object.data(), object.size()));
+    uint64_t count = 7;
+    EXPECT_EQ(QMR_ERROR_SHUTTING_DOWN, qmr_kist_count(kist, 0, &count));
+    EXPECT_EQ(7u, count);
+    EXPECT_EQ(nullptr, qmr_kist_store(kist));
+    EXPECT_EQ(nullptr, qmr_observe(store_.get(), [](void*, const qmr_schema_id*, size_t) {},
+                                   nullptr));
+    qmr_last_error_clear();
+}
+
+TEST_F(OpenStoreFunctions, LookUpIdsByName) {
+    EXPECT_EQ(kTag, qmr_store_entity_id(store_.get(), "Tag"));
+    EXPECT_EQ(kNoteStars, qmr_store_entity_property_id(store_.get(), kNote, "stars"));
+    EXPECT_TRUE(noLastError());
+
+    EXPECT_EQ(0u, qmr_store_entity_id(store_.get(), "tag"));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_SCHEMA_OBJECT_NOT_FOUND, "Entity 'tag' not found"));
+    EXPECT_EQ(0u, qmr_store_entity_property_id(store_.get(), kTag, "stars"));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_SCHEMA_OBJECT_NOT_FOUND,
+                            "Property 'stars' not found in the given entity ID 2"));
+    EXPECT_EQ(0u, qmr_store_entity_property_id(store_.get(), 99, "stars"));
+    EXPECT_NE(QMR_SUCCESS, qmr_last_error_code());
+}
+
+TEST_F(StoreFunctions, WithoutASchemaHaveNoEntities) {
+    store_.reset(qmr_store_open(options(false)));
+    ASSERT_TRUE(store_);
+    EXPECT_EQ(0u, qmr_store_entity_id(store_.get(), "Note"));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_STATE, "No schema set on store"));
+    EXPECT_EQ(nullptr, qmr_kist(store_.get(), kNote));
+    EXPECT_NE(QMR_SUCCESS, qmr_last_error_code());
+    const TxnPtr txn = read();
+    EXPECT_EQ(nullptr, qmr_cursor(txn.get(), kNote));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_STATE, "No schema set on store"));
+}
+
+TEST_F(OpenStoreFunctions, TellTypeAndSizes) {
+    EXPECT_EQ(1u, qmr_store_type_id(store_.get()));
+    TxnPtr txn = write();
+    for (int i = 0; i < 500; ++i) putNote(std::string(200, 'x'));
+    ASSERT_EQ(QMR_SUCCESS, qmr_txn_success(txn.release()));
+    const uint64_t onDisk = qmr_store_size_on_disk(store_.get());
+    EXPECT_GT(qmr_store_size(store_.get()), 100000u);
+    EXPECT_GT(onDisk, 100000u);
+    EXPECT_EQ(onDisk, qmr_db_file_size(dir_.path().c_str()));
+    EXPECT_EQ(0u, qmr_db_file_size(dir_.path("none").c_str()));
+    EXPECT_EQ(QMR_SUCCESS, qmr_store_debug_flags(store_.get(), 0));
+    EXPECT_FALSE(qmr_store_opened_with_previous_commit(store_.get()));
+    EXPECT_TRUE(noLastError());
+}
+
+TEST_F(StoreFunctions, RegisterADefaultType) {
+    EXPECT_EQ(QMR_SUCCESS, qmr_store_type_id_register_default(1));
+    for (const uint32_t illegal : {0u, 4u, ~0u}) {
+        EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT, qmr_store_type_id_register_default(illegal));
+        EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_ARGUMENT,
+                                "Illegal store type ID: " + std::to_string(illegal)));
+    }
+}
+
+TEST_F(OpenStoreFunctions, ReadOnlyStoresRefuseWrites) {
+    const uint64_t id = putNote("kept");
+    close();
+    QMR_store_options* opt = options();
+    qmr_opt_read_only(opt, true);
+    store_.reset(qmr_store_open(opt));
+    ASSERT_TRUE(store_) << qmr_last_error_message();
+    EXPECT_EQ("kept", noteText(id));
+    EXPECT_EQ(nullptr, qmr_txn_write(store_.get()));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_STATE,
+                            "Cannot start a write transaction from read only store"));
+    EXPECT_EQ(0u, putNote("refused"));
+    EXPECT_EQ(1u, noteCount());
+}
+
+TEST_F(StoreFunctions, ReadOnlyStoresNeedADatabase) {
+    QMR_store_options* opt = options(false);
+    qmr_opt_read_only(opt, true);
+    EXPECT_EQ(nullptr, qmr_store_open(opt));
+    EXPECT_NE(QMR_SUCCESS, qmr_last_error_code());
+    EXPECT_STRNE("", qmr_last_error_message());
+}
+
+TEST_F(OpenStoreFunctions, ThePreviousCommitComesBack) {
+    const uint64_t first = putNote("first");
+    const uint64_t second = putNote("second");
+    close();
+    QMR_store_options* opt = options();
+    qmr_opt_use_previous_commit(opt, true);
+    store_.reset(qmr_store_open(opt));
+    ASSERT_TRUE(store_) << qmr_last_error_message();
+    EXPECT_TRUE(qmr_store_opened_with_previous_commit(store_.get()));
+    EXPECT_EQ("first", noteText(first));
+    EXPECT_EQ("(none)", noteText(second));
+
+    EXPECT_EQ(second, putNote("instead"));
+    reopen();
+    EXPECT_FALSE(qmr_store_opened_with_previous_commit(store_.get()));
+    EXPECT_EQ("instead", noteText(second));
+}
+
+TEST_F(OpenStoreFunctions, BackupIsNotInThisBuild) {
+    EXPECT_EQ(QMR_ERROR_FEATURE_NOT_AVAILABLE,
+              qmr_store_back_up_to_file(store_.get(), dir_.path("backup").c_str(), 0));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_FEATURE_NOT_AVAILABLE,
+                            "Feature 'Backup' is not available in this edition."));
+    EXPECT_FALSE(std::filesystem::exists(dir_.path("backup")));
+}
+
+TEST_F(OpenStoreFunctions, RemoveDatabaseFiles) {
+    putNote("gone");
+    close();
+    EXPECT_EQ(QMR_SUCCESS, qmr_remove_db_files(dir_.path().c_str()));
+    EXPECT_TRUE(std::filesystem::is_empty(dir_.path()));
+    EXPECT_EQ(QMR_SUCCESS, qmr_remove_db_files(dir_.path().c_str())) << "nothing left to remove";
+    open();
+    EXPECT_EQ(0u, noteCount());
+}
+
+TEST_F(OpenStoreFunctions, RemovingTheFilesOfAnOpenStoreFreesThePath) {
+    putNote("of the old store");
+    EXPECT_EQ(QMR_SUCCESS, qmr_remove_db_files(dir_.path().c_str()));
+    EXPECT_FALSE(qmr_store_is_open(dir_.path().c_str()));
+    StorePtr old(store_.release());
+    open();
+    EXPECT_EQ(0u, noteCount());
+    uint64_t oldCount = 0;
+    EXPECT_EQ(QMR_SUCCESS, qmr_kist_count(qmr_kist(old.get(), kNote), 0, &oldCount));
+    EXPECT_EQ(1u, oldCount);
+}
+
+TEST_F(StoreFunctions, TheDataSizeIsLimited) {
+    QMR_store_options* opt = options();
+    qmr_opt_max_data_size_in_kb(opt, 4);
+    store_.reset(qmr_store_open(opt));
+    ASSERT_TRUE(store_) << qmr_last_error_message();
+    const uint64_t kept = putNote(std::string(2000, 'a'));
+    ASSERT_NE(0u, kept);
+
+    TxnPtr txn = write();
+    EXPECT_NE(0u, putNote(std::string(3000, 'b')));
+    EXPECT_EQ(QMR_ERROR_MAX_DATA_SIZE_EXCEEDED, qmr_txn_success(txn.release()));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_MAX_DATA_SIZE_EXCEEDED,
+                            "Exceeded user-set maximum by [bytes]: "));
+    EXPECT_EQ(1u, noteCount());
+
+    txn = write();
+    uint64_t committed = 0;
+    int64_t change = -1;
+    EXPECT_EQ(QMR_SUCCESS, qmr_txn_data_size(txn.get(), &committed, &change));
+    EXPECT_GT(committed, 2000u);
+    EXPECT_EQ(0, change);
+    EXPECT_EQ(QMR_SUCCESS, qmr_kist_remove(notes(), kept));
+    EXPECT_NE(0u, putNote(std::string(3000, 'c')));
+    EXPECT_EQ(QMR_SUCCESS, qmr_txn_data_size(txn.get(), nullptr, &change));
+    EXPECT_GT(change, 900);
+    EXPECT_LT(change, 1100);
+    EXPECT_EQ(QMR_SUCCESS, qmr_txn_success(txn.release()));
+    EXPECT_EQ(1u, noteCount());
+}
+
+TEST_F(OpenStoreFunctions, ChangedModelsMigrateTheData) {
+    const uint64_t id = putNote("renamed soon", 5);
+    const ObjectBytes tag = makeObject({{1, uint64_t{7}}, {kTagName, std::string("old")}});
+    ASSERT_EQ(QMR_SUCCESS, qmr_kist_put(tags(), 7, tag.data(), tag.size()));
+    close();
+
+    // "stars" becomes "rating", "author" is new, Tag goes.
+    QMR_store_options* opt = options(false);
+    ASSERT_EQ(QMR_SUCCESS, qmr_opt_model(opt, TestModel()
+                                                  .entity("Note", kNote)
+                                                  .idProperty()
+                                                  .property("text", QMRPropertyType_String, 2)
+                                                  .property("rating", QMRPropertyType_Long, 3)
+                                                  .property("author", QMRPropertyType_String, 4)
+                                                  .lastEntityId(kTag)
+                                                  .release()));
+    store_.reset(qmr_store_open(opt));
+    ASSERT_TRUE(store_) << qmr_last_error_message();
+    EXPECT_EQ(3u, qmr_store_entity_property_id(store_.get(), kNote, "rating"));
+    EXPECT_EQ(4u, qmr_store_entity_property_id(store_.get(), kNote, "author"));
+    EXPECT_EQ(0u, qmr_store_entity_property_id(store_.get(), kNote, "stars"));
+    EXPECT_EQ(0u, qmr_store_entity_id(store_.get(), "Tag"));
+    EXPECT_EQ("renamed soon", noteText(id));
+    EXPECT_EQ(nullptr, tags());
+
+    // The schema is in the database: no model is needed to open it.
+    close();
+    store_.reset(qmr_store_open(options(false)));
+    ASSERT_TRUE(store_);
+    EXPECT_EQ("renamed soon", noteText(id));
+}
+
+TEST_F(OpenStoreFunctions, ARefusedModelChangesNothing) {
+    const uint64_t id = putNote("safe");
+    close();
+    QMR_store_options* opt = options(false);
+    ASSERT_EQ(QMR_SUCCESS, qmr_opt_model(opt, TestModel()
+                                                  .entity("Note", kNote)
+                                                  .idProperty()
+                                                  .property("text", QMRPropertyType_Int, 2)
+                                                  .lastEntityId(kTag)
+                                                  .release()));
+    EXPECT_EQ(nullptr, qmr_store_open(opt));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_SCHEMA, ""));
+    open();
+    EXPECT_EQ("safe", noteText(id));
+    EXPECT_EQ(kTag, qmr_store_entity_id(store_.get(), "Tag"));
+}
+
+}  // namespace
+}  // namespace quillmere

@@ -1,0 +1,170 @@
+#include <gtest/gtest.h>
+
+#include <latch>
+#include <stdexcept>
+#include <thread>
+
+#include "store/change_listeners.h"
+#include "store/object_test.h"
+#include "store/store_activity.h"
+#include "support/log_capture.h"
+
+namespace quillmere {
+namespace {
+
+using Ids = std::vector<uint32_t>;
+
+class ListenersTest : public ObjectTest {
+protected:
+    void putTag(uint64_t id) { putNotes({id}, kTags); }
+};
+
+TEST_F(ListenersTest, hearOfEachCommitInTheOrderOfAdding) {
+    std::vector<std::string> heard;
+    const auto listen = [&](const char* name) {
+        return store_->addListener([&heard, name](const Ids& ids) {
+            std::string text = name;
+            for (const uint32_t id : ids) text += " " + std::to_string(id);
+            heard.push_back(text);
+        });
+    };
+    EXPECT_EQ(listen("a"), 1u);
+    const uint64_t b = listen("b");
+    listen("c");
+    store_->entityState(entity(kNotes)).idsForPut(9);
+    {
+        const auto tx = write();
+        put(*cursor(*tx, kTags), 1);
+        put(*cursor(*tx), 1);
+        put(*cursor(*tx, kTags), 2);
+        tx->commit();
+    }
+    EXPECT_EQ(heard, (std::vector<std::string>{"a 2 1", "b 2 1", "c 2 1"}));
+
+    heard.clear();
+    EXPECT_TRUE(store_->removeListener(b));
+    EXPECT_FALSE(store_->removeListener(b));
+    EXPECT_EQ(listen("d"), 4u) << "IDs are never used again";
+    putTag(3);
+    EXPECT_EQ(heard, (std::vector<std::string>{"a 2", "c 2", "d 2"}));
+
+    heard.clear();
+    write()->commit();  // nothing changed
+    {
+        const auto tx = write();
+        put(*cursor(*tx, kTags), 4);
+        tx->abort();
+    }
+    EXPECT_TRUE(heard.empty());
+}
+
+TEST_F(ListenersTest, failingListenerReachesTheCommitAndTheDataStays) {
+    int laterCalls = 0;
+    const uint64_t failing =
+        store_->addListener([](const Ids&) { throw std::runtime_error("listener failed"); });
+    store_->addListener([&](const Ids&) { ++laterCalls; });
+    const auto tx = write();
+    put(*cursor(*tx, kTags), 1);
+    EXPECT_THROW(tx->commit(), std::runtime_error);
+    EXPECT_FALSE(tx->active());
+    EXPECT_EQ(laterCalls, 0);
+    EXPECT_EQ(storedIds(kTags), std::vector<uint64_t>{1});
+    EXPECT_EQ(store_->activity().commitsInProgress.load(), 0u);
+
+    EXPECT_TRUE(store_->removeListener(failing)) << "neither the lock nor the flag is left behind";
+    putTag(2);
+    EXPECT_EQ(laterCalls, 1);
+}
+
+TEST_F(ListenersTest, listenersMayWriteButNotAddOrRemoveListeners) {
+    int depth = 0;
+    const uint64_t id = store_->addListener([&](const Ids& ids) {
+        ++depth;
+        if (ids.front() == kTags) {
+            store_->entityState(entity(kNotes)).idsForPut(9);
+            putNotes({1});  // a round inside this round
+        }
+        expectThrow<IllegalStateException>("Listeners cannot add listeners",
+                                           [&] { store_->addListener([](const Ids&) {}); });
+        expectThrow<IllegalStateException>("Listeners cannot remove listeners",
+                                           [&] { store_->removeListener(1); });
+    });
+    putTag(1);
+    EXPECT_EQ(depth, 2);
+    EXPECT_EQ(storedIds(kNotes), std::vector<uint64_t>{1});
+    EXPECT_TRUE(store_->removeListener(id));
+}
+
+TEST_F(ListenersTest, canBeRemovedButNotAddedOnceTheStoreIsAboutToClose) {
+    const uint64_t id = store_->addListener([](const Ids&) {});
+    store_->prepareToClose();
+    expectThrow<StoreClosedException>("Store is closing",
+                                      [&] { store_->addListener([](const Ids&) {}); });
+    EXPECT_TRUE(store_->removeListener(id));
+}
+
+TEST_F(ListenersTest, lastReferenceMayGoInsideAListener) {
+    auto shared = std::shared_ptr<ObjectStore>(std::move(store_));
+    ObjectStore& store = *shared;
+    const Entity& tags = store.requireSchema()->entityById(kTags);
+    const auto schema = store.requireSchema();  // keeps the entity
+    std::weak_ptr<ObjectStore> weak = shared;
+    store.addListener([holder = std::move(shared)](const Ids&) mutable { holder.reset(); });
+    int laterCalls = 0;
+    store.addListener([&](const Ids&) { ++laterCalls; });
+
+    const LogCapture log;
+    auto tx = store.beginTx(TxMode::Write);
+    put(*tx->createCursor(&tags), 1);
+    tx->commit();
+    EXPECT_TRUE(weak.expired());
+    EXPECT_EQ(laterCalls, 1) << "the round goes on";
+    EXPECT_FALSE(tx->active());
+    tx.reset();
+    EXPECT_EQ(log.text(), "") << "it did not wait for itself";
+
+    open();
+    EXPECT_EQ(storedIds(kTags), std::vector<uint64_t>{1});
+}
+
+TEST(ConcurrentListenersTest, blockedListenerMakesOthersFailAfterTheTimeout) {
+    ChangeListeners listeners(std::chrono::milliseconds(20));
+    std::latch entered(1);
+    std::latch release(1);
+    const uint64_t id = listeners.add([&](const Ids&) {
+        entered.count_down();
+        release.wait();
+    });
+    std::thread firing([&] { listeners.fire({1}); });
+    entered.wait();
+    const std::string text =
+        " failed: could not lock in time (check your listener; is it deadlocking or bad behaved?)";
+    expectThrow<IllegalStateException>("Firing listeners" + text, [&] { listeners.fire({1}); });
+    expectThrow<IllegalStateException>("Add listener" + text,
+                                       [&] { listeners.add([](const Ids&) {}); });
+    expectThrow<IllegalStateException>("Remove listener" + text, [&] { listeners.remove(id); });
+    release.count_down();
+    firing.join();
+    EXPECT_TRUE(listeners.remove(id));
+}
+
+TEST(ConcurrentListenersTest, roundsOfSeveralThreadsNeverOverlap) {
+    ChangeListeners listeners;
+    int rounds = 0;  // guarded by nothing but the rule
+    const uint64_t counter = listeners.add([&](const Ids&) { ++rounds; });
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 200; ++i) {
+                listeners.fire({1});
+                EXPECT_TRUE(listeners.remove(listeners.add([](const Ids&) {})));
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(rounds, 800);
+    EXPECT_TRUE(listeners.remove(counter));
+}
+
+}  // namespace
+}  // namespace quillmere
