@@ -42,7 +42,7 @@ public:
 private:
     using Ids = std::vector<uint64_t>;
 
-    void stepThroughRelation(Cursor& cursor, const Ids& linked, Ids& ids) const;
+    void stepThroughRelation(Cursor& source, const Ids& linked, Ids& ids) const;
     void stepAgainstProperty(Cursor& source, const Ids& linked, Ids& ids) const;
     void stepThroughProperty(Cursor& source, const Ids& linked, Ids& ids) const;
 

@@ -67,6 +67,7 @@ public:
     // False without a match.
     bool findFirst(Cursor& cursor, Bytes& out);
     bool findUnique(Cursor& cursor, Bytes& out);  // throws NonUniqueResultException
+    // `out` is replaced.
     void findIds(Cursor& cursor, std::vector<uint64_t>& out, uint64_t offset = 0,
                  uint64_t limit = 0);
     uint64_t findFirstId(Cursor& cursor);   // 0 without a match
@@ -90,11 +91,12 @@ public:
     QueryConditionWithProperty& findCondition(uint32_t entityId, uint32_t propertyId);
 
     // Calls `visitor(id, table, bytes)` for each match until it returns false. The template behind
-    // every operation; a scan costs one virtual call per object and condition at most.
+    // every operation, see query/visit_matches.h; a scan costs one virtual call per object and
+    // condition at most.
     template <class Visitor>
     void visitMatches(Cursor& cursor, Visitor&& visitor);
 
-    // IDs in ascending order, without regard to the ordering.
+    // IDs in ascending order, without regard to the ordering. `out` is replaced.
     void findIdsWithoutComparator(Cursor& cursor, std::vector<uint64_t>& out, uint64_t limit);
 
     const Entity& entity() const { return *entity_; }
@@ -104,15 +106,47 @@ public:
     bool hasLinks() const { return !links_.empty(); }
     bool hasLookups() const { return hasLookups_; }
     bool ordered() const { return comparator_ != nullptr; }
+    // "what #number" and the parameters, as far as the store logs queries.
+    void logOperation(const char* what) const;
     void logParameters() const;
     // What the last run did, for tests and logs.
     uint64_t lastCandidateCount() const { return lastCandidateCount_; }
     uint64_t lastLookupCount() const { return lastLookupCount_; }
     bool lastAllDefinite() const { return lastAllDefinite_; }
     void setRunState(uint64_t candidates, uint64_t lookups, bool allDefinite);
+    // Throws IllegalStateException once the entity is gone.
     void checkUsable() const;
 
 private:
+    using Ids = std::vector<uint64_t>;
+
+    void indexConditions();
+    void indexSubQueries();
+    void indexAlias(const std::string& alias, QueryConditionWithProperty* condition);
+    void logFind(uint64_t offset, uint64_t limit) const;
+    void checkCursor(const Cursor& cursor) const;
+    void startRun(const Cursor& cursor);
+    void resetRun();
+    // Whether look-ups or links applied; then the matches are among `result`.
+    bool lookupCandidateIds(Cursor& cursor, Ids& result);
+    // Gives the number of look-ups.
+    uint64_t lookupIndexIds(Cursor& cursor, Ids& result);
+    void intersectWithLinks(Cursor& cursor, bool lookedUp, Ids& result);
+    void keepMatches(Cursor& cursor, Ids& candidates, uint64_t limit);
+
+    template <class Visitor>
+    void visitCandidates(Cursor& cursor, const Ids& candidates, Visitor& visitor);
+    template <class Visitor>
+    void visitAll(Cursor& cursor, Visitor& visitor);
+    template <class Visitor>
+    void visitMatchesOrdered(Cursor& cursor, uint64_t offset, uint64_t limit, Visitor&& visitor);
+    template <class Visitor>
+    void visitWindow(Cursor& cursor, uint64_t offset, uint64_t limit, Visitor&& visitor);
+    template <class Contains, class Visitor>
+    void visitScores(uint64_t offset, uint64_t limit, Contains&& contains,
+                     Visitor&& visitor) const;
+    static std::atomic<uint32_t> nextNumber_;  // process-wide
+
     const Entity* entity_;
     std::weak_ptr<const Schema> schema_;
     QueryCondition* root_;

@@ -200,6 +200,15 @@ bool Cursor::next(Bytes& out) {
     return kv_.next(out);
 }
 
+bool Cursor::last(Bytes& out) {
+    setKey(kHighestId);
+    return kv_.getOrPrevious(keyBuffer_.data(), keySize_, out);
+}
+
+bool Cursor::previous(Bytes& out) {
+    return kv_.previous(out);
+}
+
 bool Cursor::seek(uint64_t id) {
     setKey(id);
     return kv_.seek(keyBuffer_.data(), keySize_);

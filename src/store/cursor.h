@@ -51,6 +51,9 @@ public:
     // By increasing ID.
     bool first(Bytes& out);
     bool next(Bytes& out);
+    // By decreasing ID.
+    bool last(Bytes& out);
+    bool previous(Bytes& out);
     bool current(Bytes& out) { return kv_.currentValue(out); }
     bool seek(uint64_t id);
     // The first element at or behind `id`.
@@ -58,6 +61,8 @@ public:
     uint64_t seekFirstId();  // 0 at the end
     uint64_t seekNextId();   // 0 at the end
     uint64_t currentId();    // 0 before the first, all ones behind the last
+    // The same without a look at whether the object still stands there: for a walk.
+    uint64_t placeId() const { return id_; }
     uint64_t highestId();    // 0 if empty; does not move the cursor
     // Stops at `max`; 0 means exact.
     uint64_t count(uint64_t max = 0);
