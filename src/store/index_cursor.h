@@ -1,6 +1,13 @@
 #pragma once
 
-// Writes and reads one value or hash index of an entity inside one transaction.
+// Writes and reads one value or hash index of an entity inside one transaction. An entry is a key
+// with an (almost) empty value:
+//
+//     numbers, hashes   prefix (u32), value (u32 or u64), ID (u32 if it fits, else u64)
+//     strings by value  prefix (u32), at most 479 bytes of the string and its final zero, ID (u64)
+//
+// Numbers are big-endian, so that keys sort like unsigned numbers: negative ones behind all others.
+// The value is 0 to 3 zero bytes, which make the size of the entry a multiple of 4.
 
 #include <array>
 #include <cstddef>
@@ -73,31 +80,62 @@ public:
     bool firstValue(uint64_t& outValue);
     bool lastValue(uint64_t& outValue);
 
-    // All entries, one after the other: for a walk over the references to removed objects.
+    // All entries of a scalar index, one after the other, at least until the next write to it: for
+    // a walk over the references to removed objects.
     bool firstEntry();
     bool nextEntry();
     uint64_t entryValue() const;
     uint64_t entryId() const;
 
+    // The transaction reads on from a newer snapshot, has ended, is being destroyed.
     void renew();
-    void txEnded();
+    void txEnded() { kv_.txEnded(); }
+    void txGone() { kv_.txDestroyed(); }
 
 private:
+    static constexpr size_t kPrefixSize = 4;
     static constexpr size_t kKeyBufferSize = 512;
+
+    bool isString() const { return type_ == PropertyType::String; }
+    bool readScalar(const ObjectTable& table, uint64_t& outValue) const;
+    void updateScalar(uint64_t id, const ObjectTable& newTable, const ObjectTable* oldTable);
+    void updateString(uint64_t id, const ObjectTable& newTable, const ObjectTable* oldTable);
+    void findHolders(const ObjectTable& newTable, Cursor& cursor, std::vector<uint64_t>& ids);
+    void replaceHolder(uint64_t holder, Cursor& cursor);
+
+    // Building a key: the value part, then all of it. Each gives the size so far.
+    size_t setScalar(uint64_t value);
+    size_t setStringPart(std::string_view value, size_t limit);
+    size_t setScalarKey(uint64_t value, uint64_t id);
+    size_t setStringKey(std::string_view value, uint64_t id);
+    uint64_t hashOf(std::string_view value) const;
+    void putEntry(size_t keySize);
+    bool removeEntryAt(size_t keySize);
+
+    // Walks the entries of one value, for as long as `visit` (by ID) gives true.
+    template <class Visit>
+    void visitScalar(uint64_t value, Visit&& visit);
+    uint64_t findScalarIds(uint64_t value, std::vector<uint64_t>* ids);
+    uint64_t findByHash(std::string_view value, std::vector<uint64_t>* ids, bool& outNotDefinite);
+    bool seekString(size_t searchSize, IndexMatch match);
+    bool hasSearched(size_t searchSize) const;
+    uint64_t idOfStringEntry() const;
+    uint64_t idOfScalarEntry() const;
 
     const Index& index_;
     Transaction& tx_;
-    const uint32_t prefix_;
-    PartitionCursor kv_;
-    std::array<uint8_t, kKeyBufferSize> keyBuffer_;
-    Bytes key_;  // the key last built or last read
     const Property& property_;
-    const uint16_t fieldOffset_;
     const PropertyType type_;
+    const uint16_t fieldOffset_;
+    const uint8_t fieldSize_;  // of a number in an object
+    const uint8_t valueSize_;  // of a number or hash in a key
     const IndexType indexType_;
     const bool unique_;
     const bool replaceOnConflict_;
     const bool readOnly_;
+    std::array<uint8_t, kKeyBufferSize> keyBuffer_;  // the key last built; the prefix always
+    PartitionCursor kv_;
+    std::vector<uint64_t> holders_;  // scratch of checkUnique()
 };
 
 }  // namespace quillmere

@@ -1,15 +1,22 @@
 #pragma once
 
 // Reads and writes one standalone relation inside one transaction. Each link is stored in both
-// directions, so that either side is one range read.
+// directions, so that either side is one range read. An entry is a key without a value:
+//
+//     prefix (u32), first ID, second ID      an ID: u32 if it fits, else u64; big-endian
+//
+//     sub partition 0   forward, the first ID is a source of 4 bytes
+//     sub partition 1   forward, of 8 bytes
+//     sub partition 2   reverse, the first ID is a target of 4 bytes
+//     sub partition 3   reverse, of 8 bytes
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <vector>
 
-#include "core/bytes.h"
 #include "kv/partition_cursor.h"
 
 namespace quillmere {
@@ -39,16 +46,21 @@ public:
     // Gives the number of entries, two for each link.
     uint64_t removeAll();
 
+    // The transaction reads on from a newer snapshot, has ended, is being destroyed.
     void renew();
-    void txEnded();
+    void txEnded() { kv_.txEnded(); }
+    void txGone() { kv_.txDestroyed(); }
 
 private:
+    void setKey(uint64_t firstId, uint64_t secondId, bool reverse);
+    bool removeKey();
+
     const Relation& relation_;
     Transaction& tx_;
-    std::array<uint32_t, 4> subPrefixes_;  // in the byte order of keys
+    const uint32_t basePrefix_;  // of sub partition 0
     PartitionCursor kv_;
-    std::array<uint8_t, 20> keyBuffer_;
-    Bytes key_;  // the key last built or last read
+    std::array<uint8_t, 20> keyBuffer_;  // the key last built
+    size_t keySize_ = 0;
     const bool readOnly_;
 };
 
@@ -58,6 +70,8 @@ class RelationCursorSet {
 public:
     RelationCursorSet(const Entity& entity, Transaction& tx);
     ~RelationCursorSet();
+    RelationCursorSet(const RelationCursorSet&) = delete;
+    RelationCursorSet& operator=(const RelationCursorSet&) = delete;
 
     // Null if the entity has no such relation.
     RelationCursor* find(uint32_t relationId);
@@ -65,11 +79,13 @@ public:
 
     void renew();
     void txEnded();
+    void txGone();
 
 private:
     const Entity& entity_;
     Transaction& tx_;
-    std::mutex mutex_;
+    std::mutex mutex_;  // guards the building of the list and its walks by the transaction
+    bool txGone_ = false;
     std::vector<std::unique_ptr<RelationCursor>> cursors_;
 };
 
