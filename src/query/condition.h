@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,6 +43,8 @@ enum class QueryOp : int32_t {
 
 // "==" and so on, "??" for an op without a word.
 const char* queryOpWord(QueryOp op);
+// For a family of conditions that has no such op.
+[[noreturn]] void throwUnsupportedOp(QueryOp op);
 
 // The kind of value that a condition takes as a parameter.
 enum class ParamKind : uint32_t {
@@ -121,6 +124,7 @@ public:
     virtual void setBytes(const void* data, size_t size);
     virtual void setIntegers(const std::vector<int32_t>& values);
     virtual void setIntegers(const std::vector<int64_t>& values);
+    virtual void setFloatVector(std::span<const float> values);
 
 protected:
     QueryConditionWithProperty(QueryOp op, const Property& property, ParamKind paramKind);

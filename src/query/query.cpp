@@ -34,10 +34,6 @@ uint64_t windowEnd(uint64_t offset, uint64_t limit) {
     return offset + limit;
 }
 
-uint64_t propertyKey(uint32_t entityId, uint32_t propertyId) {
-    return uint64_t{entityId} << 32 | propertyId;
-}
-
 // A count above the maximum stands for any number.
 void requireUnique(uint64_t count) {
     if (count <= 1) return;

@@ -122,6 +122,9 @@ public:
 private:
     using Ids = std::vector<uint64_t>;
 
+    static uint64_t propertyKey(uint32_t entityId, uint32_t propertyId) {
+        return uint64_t{entityId} << 32 | propertyId;
+    }
     void indexConditions();
     void indexSubQueries();
     void indexAlias(const std::string& alias, QueryConditionWithProperty* condition);

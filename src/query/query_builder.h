@@ -13,6 +13,7 @@
 
 namespace quillmere {
 
+class Comparator;
 class Entity;
 class Property;
 class Query;
@@ -81,9 +82,11 @@ public:
     void order(const Property& property, uint32_t flags);
 
     // The builder of the sub-query, owned here; it is built together with this one.
-    QueryBuilder& link(const Entity* target, const Property* relationProperty, bool backlink);
-    QueryBuilder& link(const Entity* target, const Relation* relation, bool backlink);
+    QueryBuilder& link(const Entity* targetEntity, const Property* relationProperty,
+                       bool backlink);
+    QueryBuilder& link(const Entity* targetEntity, const Relation* relation, bool backlink);
 
+    // Leaves an empty builder, also after a failure; only one of the ordering changes nothing.
     std::unique_ptr<Query> build();
 
     // Takes ownership; the only place that does.
@@ -96,7 +99,10 @@ private:
     };
 
     QueryCondition& combine(QueryOp op, const std::vector<QueryCondition*>& conditions);
-    void prepareConditionsforQuery();
+    QueryBuilder& addLink(const Entity& targetEntity, std::unique_ptr<QueryConditionLink> link);
+    std::shared_ptr<const Comparator> chainComparators() const;
+    QueryCondition& prepareConditionsforQuery();
+    void clear() noexcept;
 
     const Entity& entity_;
     std::weak_ptr<const Schema> schema_;
