@@ -31,6 +31,11 @@ inline void copyKey(uint8_t* to, const uint8_t* from, size_t size) {
     }
 }
 
+// Out of line, as all that is rare: it would cost each step the saving of registers.
+[[noreturn, gnu::cold, gnu::noinline]] void throwKeyTooShort(size_t size) {
+    throw DbFileCorruptException("Corrupt DB, min key size violated: " + std::to_string(size));
+}
+
 void checkCreatorThread(const TxContext& tx) {
     const int32_t thread = threadNumber();
     if (thread == tx.ownerThread()) return;
@@ -275,8 +280,7 @@ inline bool PartitionCursor::stepToAsked(bool found) {
 
 inline PartitionCursor::Position PartitionCursor::locate(const Bytes& key) {
     if (key.size() < minKeySize_) [[unlikely]] {
-        throw DbFileCorruptException("Corrupt DB, min key size violated: " +
-                                     std::to_string(key.size()));
+        throwKeyTooShort(key.size());
     }
     const uint32_t prefix = shortPrefix_ ? uint32_t{loadBig<uint16_t>(key.data())} << 16
                                          : loadBig<uint32_t>(key.data());
@@ -311,7 +315,7 @@ inline void PartitionCursor::holdKey(const void* key, size_t size) {
 }
 
 // The old content goes: a key that does not fit comes from elsewhere.
-void PartitionCursor::growKeyBuffer(size_t size) {
+[[gnu::cold, gnu::noinline]] void PartitionCursor::growKeyBuffer(size_t size) {
     const size_t rounded = (size + kKeyBufferStep - 1) / kKeyBufferStep * kKeyBufferStep;
     keyBuffer_ = std::make_unique<uint8_t[]>(rounded);
     keyBufferSize_ = rounded;

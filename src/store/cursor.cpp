@@ -36,7 +36,7 @@ uint32_t checkedPrefix(uint32_t prefix) {
     return prefix;
 }
 
-[[noreturn, gnu::cold]] void throwUnexpectedKey(size_t size) {
+[[noreturn, gnu::cold, gnu::noinline]] void throwUnexpectedKey(size_t size) {
     throw DbFileCorruptException(
         (size < kPrefixSize ? "Corrupt entity partition, min key size violated: "
                             : "Unexpected key size: ") +
@@ -57,7 +57,7 @@ void copyWithScalar(const Bytes& object, uint16_t flatOffset, uint64_t value, By
     storeLittle(field, value);
 }
 
-[[noreturn, gnu::cold]] void throwPutRefused(int32_t mode, uint64_t id) {
+[[noreturn, gnu::cold, gnu::noinline]] void throwPutRefused(int32_t mode, uint64_t id) {
     if (mode == kPutInsert) {
         throwWith<IdAlreadyExistsException>("Insert failed, given ID already exists: ",
                                             std::to_string(id));

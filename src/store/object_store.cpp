@@ -196,13 +196,17 @@ void ObjectStore::validateOnOpen() {
 bool ObjectStore::syncSchema(const Bytes& modelBytes) {
     // Exempt, so that entities that are enabled for sync can be migrated.
     const auto tx = beginTx(readOnly_ ? TxMode::Read : TxMode::Write, kTxExempt);
+    SchemaSyncResult result;
     {
         StoreSchemaHost host(*tx);
-        SchemaSync(host).syncSchema(modelBytes);
+        result = SchemaSync(host).syncSchema(modelBytes);
     }
     if (readOnly_) return false;
     const bool changed = tx->changed();
     tx->commit();
+    if (result.any()) {
+        logLine("%s [INFO ] Schema updated: %s\n", logTimestamp(), result.text().c_str());
+    }
     return changed;
 }
 
@@ -237,7 +241,10 @@ void ObjectStore::takeHashes(const Catalog* catalog) {
 
 void ObjectStore::setSchema(std::shared_ptr<Schema> schema) {
     const std::lock_guard lock(schemaMutex_);
-    schema_.swap(schema);
+    if (schema && std::ranges::find(allSchemas_, schema) == allSchemas_.end()) {
+        allSchemas_.push_back(schema);
+    }
+    schema_ = std::move(schema);
 }
 
 std::shared_ptr<Schema> ObjectStore::schema() const {
@@ -272,7 +279,7 @@ std::weak_ptr<ObjectStore> ObjectStore::weakById(uint64_t id) {
 }
 
 bool ObjectStore::isOpen(const std::string& directory) {
-    return attach(directory) != nullptr;
+    return StoreRegistry::instance().isOpen(directory);
 }
 
 uint64_t ObjectStore::dbFileSize(const std::string& directory) {
@@ -291,6 +298,8 @@ ObjectStore::~ObjectStore() {
             dbExceptionListener_->storeDestroyed();
         } catch (const std::exception& e) {
             logLine("%s [ERROR] DB exception listener failed: %s\n", logTimestamp(), e.what());
+        } catch (...) {
+            logLine("%s [ERROR] DB exception listener failed\n", logTimestamp());
         }
     }
     close();
