@@ -633,6 +633,12 @@ QMR_API qmr_err qmr_txn_close(QMR_txn* txn);
  * data size. Both optional. */
 QMR_API qmr_err qmr_txn_data_size(QMR_txn* txn, uint64_t* out_committed_size,
                                   int64_t* out_size_change);
+/* Removes the objects of an entity whose expiration time has passed, with ID 0 those of all
+ * entities that have such a property. Objects without a time, or with 0, stay. Fails for an entity
+ * without an expiration time, and in a read transaction that would have to remove something.
+ * `out_removed` is optional. */
+QMR_API qmr_err qmr_expired_objects_remove(QMR_txn* txn, qmr_schema_id entity_id,
+                                           uint64_t* out_removed);
 
 /* ------------------------------------------------------------------------------------------------
  * Cursor: the objects of one entity within one transaction, in the order of their IDs. Close it

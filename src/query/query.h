@@ -116,6 +116,8 @@ public:
     void setRunState(uint64_t candidates, uint64_t lookups, bool allDefinite);
     // Throws IllegalStateException once the entity is gone.
     void checkUsable() const;
+    // Throws IllegalArgumentException for a cursor of another entity.
+    void checkCursor(const Cursor& cursor) const;
 
 private:
     using Ids = std::vector<uint64_t>;
@@ -127,7 +129,6 @@ private:
     void indexSubQueries();
     void indexAlias(const std::string& alias, QueryConditionWithProperty* condition);
     void logFind(uint64_t offset, uint64_t limit) const;
-    void checkCursor(const Cursor& cursor) const;
     void startRun(const Cursor& cursor);
     void resetRun();
     // Whether look-ups or links applied; then the matches are among `result`.

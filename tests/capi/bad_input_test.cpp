@@ -68,6 +68,7 @@ TEST_F(BadInput, NullStoreArgumentsAreNamed) {
         STATUS(txn, qmr_txn_success(nullptr)),
         STATUS(txn, qmr_txn_abort(nullptr)),
         STATUS(txn, qmr_txn_data_size(nullptr, nullptr, nullptr)),
+        STATUS(txn, qmr_expired_objects_remove(nullptr, kNote, nullptr)),
         VALUE(store, qmr_observe(nullptr, nullptr, nullptr)),
         VALUE(callback, qmr_observe(store, nullptr, nullptr)),
         VALUE(store, qmr_observe_single_type(nullptr, kNote, nullptr, nullptr)),
