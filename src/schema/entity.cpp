@@ -46,6 +46,10 @@ Entity::Entity(uint32_t id, uint64_t uid, std::string name)
 
 Entity::~Entity() = default;
 
+std::string Entity::text() const {
+    return "Entity \"" + name_ + "\" (ID " + std::to_string(id_) + ")";
+}
+
 const Property* Entity::findPropertyById(uint32_t id) const { return findOrNull(byId_, id); }
 const Property* Entity::findPropertyByUid(uint64_t uid) const { return findOrNull(byUid_, uid); }
 const Property* Entity::findPropertyByName(std::string_view name) const {

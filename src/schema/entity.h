@@ -45,6 +45,8 @@ public:
     uint32_t minMetaVersion() const { return minMetaVersion_; }
     uint32_t carriedValue() const { return carriedValue_; }  // kept for the catalog, no meaning
     const std::string& name() const { return name_; }
+    // "Entity "Note" (ID 1)", for messages.
+    std::string text() const;
     const std::string& externalName() const { return externalName_; }
 
     const std::vector<std::shared_ptr<Property>>& properties() const { return properties_; }

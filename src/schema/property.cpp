@@ -22,6 +22,11 @@ void setOnce(T& member, T value, const char* message) {
 Property::Property(uint32_t id, uint64_t uid, std::string name, PropertyType type, uint32_t flags)
     : id_(id), uid_(uid), name_(std::move(name)), type_(type), flags_(flags) {}
 
+std::string Property::text() const {
+    return "Property \"" + name_ + "\" (ID " + std::to_string(id_) + ", type " +
+           propertyTypeName(type_) + ")";
+}
+
 void Property::setEntity(uint32_t entityId) {
     setOnce(entityId_, entityId, "Entity has already been set in Property");
 }

@@ -33,6 +33,8 @@ public:
     bool hasFlag(PropertyFlags flag) const { return (flags_ & flag) != 0; }
     bool isIndexed() const { return hasFlag(kPropertyIndexed); }
     bool isRelation() const { return type_ == PropertyType::Relation; }
+    // "Property "name" (ID 3, type Int)", for messages.
+    std::string text() const;
     // Empty unless the index is, or is meant to be, of type HNSW.
     const std::shared_ptr<const HnswOptions>& hnswOptions() const { return hnswOptions_; }
 

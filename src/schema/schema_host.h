@@ -1,7 +1,7 @@
 #pragma once
 
 // What reading and synchronising a schema asks of the store: the elements of the schema partition,
-// and the removal of data that a migration gives up. Implemented by the object store on one
+// the removal of data that a migration gives up and the filling of new indexes. Implemented by the object store on one
 // transaction.
 
 #include <cstddef>
@@ -15,6 +15,7 @@ namespace quillmere {
 
 class Entity;
 class Index;
+class Property;
 class Relation;
 class Schema;
 
@@ -42,6 +43,8 @@ public:
 
     virtual void removeAllObjects(const Entity& entity) = 0;
     virtual void removeIndexData(const Index& index) = 0;
+    // Fills the empty index of a property from all objects. The entity must stand in schema().
+    virtual void rebuildIndex(const Entity& entity, const Property& property) = 0;
     virtual void removeRelationData(const Relation& relation) = 0;
 };
 

@@ -366,6 +366,8 @@ void SchemaSync::syncPropertyIndex(Entity& entity, const std::shared_ptr<Propert
         CHECK_STATE_TEXT_AT(716, newProperty.hnswOptions(), __func__, "newProperty.hnswOptions_");
     }
     addIndex(entity, property);
+    // The graph of vectors is not kept yet, so that there is nothing to fill.
+    if (!property->hnswOptions()) host_.rebuildIndex(entity, *property);
 }
 
 void SchemaSync::addProperty(Entity& entity, const std::shared_ptr<Property>& property) {

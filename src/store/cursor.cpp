@@ -11,11 +11,15 @@
 #include "core/store_options.h"
 #include "kv/partition.h"
 #include "schema/entity.h"
+#include "schema/relation.h"
 #include "schema/schema.h"
 #include "store/collector.h"
+#include "store/index_cursor.h"
+#include "store/index_cursor_set.h"
 #include "store/object_id.h"
 #include "store/object_store.h"
 #include "store/object_table.h"
+#include "store/relation_cursor.h"
 #include "store/transaction.h"
 
 namespace quillmere {
@@ -42,6 +46,20 @@ uint32_t checkedPrefix(uint32_t prefix) {
         (size < kPrefixSize ? "Corrupt entity partition, min key size violated: "
                             : "Unexpected key size: ") +
         std::to_string(size));
+}
+
+// Makes a copy of the object with another value in a field that it has.
+void copyWithScalar(const Bytes& object, uint16_t flatOffset, uint64_t value, Bytes& outCopy) {
+    if (!object.data()) throwIllegalArgument("For copy on write, you must define source data");
+    outCopy.assign(object.data(), object.size(), CopyMode::KeepSize);
+    const MutableObjectTable table(outCopy.mutableData(), object.size());
+    if (!table) throwIllegalArgument("No table given");
+    uint8_t* const field = table.field(flatOffset, sizeof value);
+    if (!field) {
+        throwException("Setting scalar to new value failed for offset ",
+                       std::to_string(flatOffset));
+    }
+    storeLittle(field, value);
 }
 
 [[noreturn, gnu::cold, gnu::noinline]] void throwPutRefused(int32_t mode, uint64_t id) {
@@ -76,9 +94,15 @@ Cursor::Cursor(Transaction& tx, const Config& config)
       registered_(config.registered),
       trackSize_(entity_ && tx.trackDataSize()),
       allowAnyId_(config.allowAnyId) {
-    if (!entity_ || readOnly_) return;
-    refuseWithoutSync();
-    entityState_ = &store_.entityState(*entity_, this);
+    if (!entity_) return;
+    if (!readOnly_) refuseWithoutSync();
+    if (!entity_->indexes().empty()) {
+        indexCursorSet_ = std::make_unique<IndexCursorSet>(*entity_, tx);
+    }
+    if (!entity_->relations().empty()) {
+        relationCursorSet_ = std::make_unique<RelationCursorSet>(*entity_, tx);
+    }
+    if (!readOnly_) entityState_ = &store_.entityState(*entity_, this);
 }
 
 void Cursor::refuseWithoutSync() const {
@@ -121,6 +145,8 @@ void Cursor::leaveTransaction() noexcept {
 
 void Cursor::closeLowLevel() noexcept {
     siblings_.clear();
+    indexCursorSet_.reset();
+    relationCursorSet_.reset();
     try {
         kv_.close(true);
     } catch (...) {  // the destructor tells
@@ -129,17 +155,23 @@ void Cursor::closeLowLevel() noexcept {
 
 void Cursor::txEnded() noexcept {
     kv_.txEnded();
+    if (indexCursorSet_) indexCursorSet_->txEnded();
+    if (relationCursorSet_) relationCursorSet_->txEnded();
     for (const auto& [id, sibling] : siblings_) sibling->txEnded();
 }
 
 void Cursor::txRenewed() {
     kv_.renew();
+    if (indexCursorSet_) indexCursorSet_->renew();
+    if (relationCursorSet_) relationCursorSet_->renew();
     for (const auto& [id, sibling] : siblings_) sibling->txRenewed();
 }
 
 void Cursor::txGone() noexcept {
     txGone_ = true;
     kv_.txDestroyed();
+    if (indexCursorSet_) indexCursorSet_->txGone();
+    if (relationCursorSet_) relationCursorSet_->txGone();
     for (const auto& [id, sibling] : siblings_) sibling->txGone();
 }
 
@@ -212,6 +244,15 @@ bool Cursor::first(Bytes& out) {
 
 bool Cursor::next(Bytes& out) {
     return checked(openKv().next(out));
+}
+
+bool Cursor::last(Bytes& out) {
+    setKey(kHighestId);
+    return checked(openKv().getOrPrevious(keyBuffer_.data(), keySize_, out));
+}
+
+bool Cursor::previous(Bytes& out) {
+    return checked(openKv().previous(out));
 }
 
 bool Cursor::seek(uint64_t id) {
@@ -321,13 +362,16 @@ void Cursor::putRaw(uint64_t id, const void* data, size_t size) {
     openKv().put(keyBuffer_.data(), keySize_, data, size);
 }
 
-// The one place where objects are written. `isUpdate` matters to what is derived from the old
-// object: nothing so far.
-void Cursor::writeValue(uint64_t id, const void* data, size_t size, bool /*isUpdate*/) {
+// The one place where objects are written. Arguments are refused before the indexes change.
+void Cursor::writeValue(uint64_t id, const void* data, size_t size, bool isUpdate) {
     // Rounded up, a size near the end of the range would become 0.
     if (size > kMaxObjectSize) [[unlikely]] throwTooLarge(size);
     const size_t newSize = sizeToStore(size);
     setKey(id);
+    if (indexCursorSet_) {
+        indexCursorSet_->onPut(id, data, size, isUpdate, *this);
+        setKey(id);  // objects were read meanwhile
+    }
     const size_t oldSize = trackSize_ ? storedSize() : 0;
     openKv().put(keyBuffer_.data(), keySize_, data, newSize);
     if (trackSize_) {
@@ -360,13 +404,54 @@ bool Cursor::remove(uint64_t id) {
 }
 
 bool Cursor::removeCurrent() {
-    if (!isObjectId(place())) return false;
+    requireStorage();
+    const uint64_t id = place();
+    if (!isObjectId(id)) return false;
+    Bytes old;
+    if (indexCursorSet_ && kv_.currentValue(old)) indexCursorSet_->onRemove(id, old);
     size_t oldSize = 0;
     if (trackSize_) kv_.currentValueSize(oldSize);
     if (!openKv().removeCurrent()) return false;
     if (trackSize_) tx_->addDataSizeChange(-checkedCast<int64_t>(oldSize));
-    if (entity_) tx_->entityAffected(entity_->id());
+    if (!entity_) return true;
+    const uint64_t following = place();
+    removeOutgoing(id);
+    removeIncoming(id);
+    if (place() != following) moveTo(following);  // an object of this entity referred to it
+    tx_->entityAffected(entity_->id());
     return true;
+}
+
+void Cursor::removeOutgoing(uint64_t id) {
+    if (!relationCursorSet_) return;
+    for (const auto& relation : relationCursorSet_->all()) relation->removeAllFor(id, false);
+}
+
+// What others hold of this object: to-one relations, then standalone ones.
+void Cursor::removeIncoming(uint64_t id) {
+    for (const Property* const property : entity_->incomingToOne()) {
+        Cursor& owner = cursorFor(property->entityId());
+        std::vector<uint64_t> ownerIds;
+        owner.getIndexCursor(*property).findScalarIds64(id, &ownerIds);
+        Bytes copy;
+        for (const uint64_t ownerId : ownerIds) clearReference(*property, owner, ownerId, copy);
+    }
+    for (const Relation* const relation : entity_->incomingRelations()) {
+        cursorFor(relation->sourceEntityId()).relationCursor(relation->id()).removeAllFor(id, true);
+    }
+}
+
+// Gives the number of objects changed, 0 or 1. The object may be gone by now: writing another one
+// may have replaced it under a unique index.
+uint64_t Cursor::clearReference(const Property& property, Cursor& owner, uint64_t ownerId,
+                                Bytes& copy) {
+    Bytes object;
+    if (!owner.get(ownerId, object)) return 0;
+    const ObjectTable table(object.data(), object.size());
+    if (table.scalar<uint64_t>(property.flatOffset()) == 0) return 0;
+    copyWithScalar(object, property.flatOffset(), 0, copy);
+    owner.writeValue(ownerId, copy.data(), object.size(), true);
+    return 1;
 }
 
 uint64_t Cursor::removeAll() {
@@ -374,14 +459,91 @@ uint64_t Cursor::removeAll() {
     return removeAllBatch(changes, false);
 }
 
-// The objects are the only step so far, so that there is nothing to stop early.
-uint64_t Cursor::removeAllBatch(uint64_t& outChanges, bool /*stopEarly*/) {
+uint64_t Cursor::removeAllBatch(uint64_t& outChanges, bool stopEarly) {
+    const uint64_t before = outChanges;
+    const auto stop = [&] { return stopEarly && outChanges != before; };
+    if (indexCursorSet_) indexCursorSet_->removeAll(outChanges, stopEarly);
+    if (stop()) return 0;
+    if (relationCursorSet_) {
+        for (const auto& relation : relationCursorSet_->all()) {
+            outChanges += relation->removeAll();
+        }
+    }
+    if (stop()) return 0;
+    if (entity_) {
+        outChanges += removeAllIncomingRelations();
+        if (stop()) return 0;
+        outChanges += clearAllReferences();
+        if (stop()) return 0;
+    }
+    const uint64_t removed = removeAllObjects();
+    outChanges += removed;
+    return removed;
+}
+
+uint64_t Cursor::removeAllIncomingRelations() {
+    uint64_t removed = 0;
+    for (const Relation* const relation : entity_->incomingRelations()) {
+        Cursor& source = cursorFor(relation->sourceEntityId());
+        removed += source.relationCursor(relation->id()).removeAll();
+    }
+    return removed;
+}
+
+// Gives the number of objects changed.
+uint64_t Cursor::clearAllReferences() {
+    uint64_t cleared = 0;
+    Bytes copy;
+    for (const Property* const property : entity_->incomingToOne()) {
+        Cursor& owner = cursorFor(property->entityId());
+        IndexCursor& index = owner.getIndexCursor(*property);
+        std::vector<uint64_t> ownerIds;
+        for (bool found = index.firstEntry(); found; found = index.nextEntry()) {
+            if (index.entryValue() != kNoId) ownerIds.push_back(index.entryId());
+        }
+        for (const uint64_t ownerId : ownerIds) {
+            cleared += clearReference(*property, owner, ownerId, copy);
+        }
+    }
+    return cleared;
+}
+
+uint64_t Cursor::removeAllObjects() {
     uint64_t bytes = 0;
     const uint64_t removed = openKv().removeAll(trackSize_ ? &bytes : nullptr);
     if (trackSize_) tx_->addDataSizeChange(-checkedCast<int64_t>(bytes));
     if (entity_) tx_->entityAffected(entity_->id());
-    outChanges += removed;
     return removed;
+}
+
+// --- indexes and relations --------------------------------------------------------------------
+
+IndexCursor& Cursor::getIndexCursor(const Property& property) {
+    const bool propertyIsIndexed = property.isIndexed();
+    CHECK_STATE_AT(604, propertyIsIndexed);
+    CHECK_STATE_AT(606, indexCursorSet_);
+    IndexCursor* const indexCursor = indexCursorSet_->findIndexCursor(property.id());
+    CHECK_STATE_AT(608, indexCursor);
+    return *indexCursor;
+}
+
+RelationCursor& Cursor::relationCursor(uint32_t relationId) {
+    RelationCursor* const found = relationCursorSet_ ? relationCursorSet_->find(relationId)
+                                                     : nullptr;
+    if (!found) {
+        throwIllegalState("No relation for relation ID ", std::to_string(relationId), " in ",
+                          entity_ ? entity_->name() : std::string());
+    }
+    return *found;
+}
+
+void Cursor::backlinkIds(const Property& property, uint64_t id, std::vector<uint64_t>& ids) {
+    const bool isRelation = property.isRelation();
+    CHECK_ARG(isRelation);
+    const uint32_t entityId = property.targetEntityId();
+    CHECK_ARG(entityId);
+    if (!isObjectId(id)) throwIllegalId(id);
+    cursorFor(property.entityId()).getIndexCursor(property).findScalarIds64(id, &ids);
 }
 
 // --- other cursors and the collector ----------------------------------------------------------

@@ -20,8 +20,12 @@ namespace quillmere {
 
 class Collector;
 class Entity;
+class IndexCursor;
+class IndexCursorSet;
 class ObjectStore;
 class Property;
+class RelationCursor;
+class RelationCursorSet;
 class Transaction;
 
 // Made by Transaction::createCursor and used on the thread of its transaction; only destruction may
@@ -52,6 +56,9 @@ public:
     // By increasing ID.
     bool first(Bytes& out);
     bool next(Bytes& out);
+    // By decreasing ID.
+    bool last(Bytes& out);
+    bool previous(Bytes& out);
     bool current(Bytes& out) { return openKv().currentValue(out); }
     bool seek(uint64_t id);
     // The first element at or behind `id`.
@@ -59,6 +66,8 @@ public:
     uint64_t seekFirstId();  // 0 at the end
     uint64_t seekNextId();   // 0 at the end
     uint64_t currentId();    // 0 before the first, all ones behind the last
+    // The same without a look at whether the object still stands there: for a walk.
+    uint64_t placeId() const { return place(); }
     uint64_t highestId();    // 0 if empty; does not move the cursor
     // Stops at `max`; 0 means exact.
     uint64_t count(uint64_t max = 0);
@@ -75,10 +84,13 @@ public:
     // Neither padding by mode nor any account or upkeep.
     void putRaw(uint64_t id, const void* data, size_t size);
     // Puts without a look at whether the ID exists. Without `isUpdate` the caller knows that it
-    // does not.
+    // does not. Brings the indexes in line; a failure may leave part of that done, so that the
+    // transaction has to be aborted, except for a refused argument and for a
+    // UniqueViolationException without a replacing property.
     void writeValue(uint64_t id, const void* data, size_t size, bool isUpdate);
 
-    // Whether there was such an object.
+    // Whether there was such an object. Removing takes the links of the object along, and sets
+    // to-one relations of others that refer to it to 0.
     bool remove(uint64_t id);
     // The following object is current then: do not step before looking at it.
     bool removeCurrent();
@@ -87,6 +99,17 @@ public:
     // The same, and adds the changes of each step. With `stopEarly`, returns after the first step
     // that changed anything.
     uint64_t removeAllBatch(uint64_t& outChanges, bool stopEarly);
+
+    // Null if the entity has no index.
+    IndexCursorSet* indexCursorSet() const { return indexCursorSet_.get(); }
+    // Throws IllegalStateException if the property has no value or hash index.
+    IndexCursor& getIndexCursor(const Property& property);
+    // Of a relation with this cursor's entity as the source. Throws IllegalStateException if there
+    // is none.
+    RelationCursor& relationCursor(uint32_t relationId);
+    // Appends the IDs of the objects that refer to `id` by the to-one relation `property`, which
+    // may be of any entity. They come in key order, which is not numeric order.
+    void backlinkIds(const Property& property, uint64_t id, std::vector<uint64_t>& ids);
 
     // The cursor of an entity on the same transaction: this one, or another one that is closed with
     // this one.
@@ -106,7 +129,10 @@ public:
     std::mutex& mutex() { return mutex_; }
 
     const Entity* entity() const { return entity_; }
+    // REQUIRES: txAlive()
     Transaction& tx() const { return *tx_; }
+    // False once the transaction has been destroyed.
+    bool txAlive() const { return !txGone_.load(); }
 
 private:
     bool checked(bool found) const;
@@ -128,6 +154,13 @@ private:
     uint64_t countObjects(uint64_t max);
     size_t sizeToStore(size_t size) const;
     size_t storedSize();
+    void removeOutgoing(uint64_t id);
+    void removeIncoming(uint64_t id);
+    uint64_t removeAllIncomingRelations();
+    uint64_t clearAllReferences();
+    uint64_t removeAllObjects();
+    static uint64_t clearReference(const Property& property, Cursor& owner, uint64_t ownerId,
+                                   Bytes& copy);
     void leaveTransaction() noexcept;
     void closeLowLevel() noexcept;
 
@@ -149,6 +182,8 @@ private:
     const bool trackSize_;
     const bool allowAnyId_;
     std::atomic<bool> txGone_{false};
+    std::unique_ptr<IndexCursorSet> indexCursorSet_;        // null: the entity has no index
+    std::unique_ptr<RelationCursorSet> relationCursorSet_;  // null: no standalone relation
     EntityState* entityState_ = nullptr;  // of a write cursor always, of a read cursor once needed
     std::unique_ptr<Collector> collector_;
     std::shared_ptr<void> externalCollectorOwner_;

@@ -6,14 +6,30 @@
 //     table    distance back to its vtable (i32), then the fields
 //     vtable   its size (u16), the table's size (u16), then per field its place in the table (u16),
 //              0 if absent
+//     string   size in bytes (u32), the bytes, a zero; a field holds the distance to it (u32)
+//     vector   number of elements (u32), the elements; likewise
 
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "core/endian.h"
 
 namespace quillmere {
+
+// The elements of a vector, at any alignment.
+struct ObjectVector {
+    const uint8_t* data = nullptr;  // null: the field is absent
+    size_t count = 0;               // of elements
+
+    explicit operator bool() const { return data != nullptr; }
+    // REQUIRES: `index` < count, and elements of this type.
+    template <std::unsigned_integral T>
+    T at(size_t index) const {
+        return loadLittle<T>(data + index * sizeof(T));
+    }
+};
 
 // A view of an object's bytes. Never reads outside of them, whatever they hold, and at any
 // alignment.
@@ -44,8 +60,44 @@ public:
         return bytes ? loadLittle<T>(bytes) : T{0};
     }
 
+    // data() is null if the field is absent, or not whole inside the object.
+    std::string_view string(uint16_t flatOffset) const {
+        const uint8_t* const bytes = field(flatOffset, sizeof(uint32_t));
+        return bytes ? textBehind(bytes) : std::string_view();
+    }
+
+    // Null if the field is absent, or not whole inside the object.
+    ObjectVector vector(uint16_t flatOffset, size_t elementSize) const {
+        const uint8_t* const bytes = field(flatOffset, sizeof(uint32_t));
+        return bytes ? elementsBehind(bytes, elementSize) : ObjectVector();
+    }
+    // A vector of strings, whose elements stringAt() reads.
+    ObjectVector stringVector(uint16_t flatOffset) const {
+        return vector(flatOffset, sizeof(uint32_t));
+    }
+    // REQUIRES: `index` < strings.count. data() is null if the string is not whole inside.
+    std::string_view stringAt(const ObjectVector& strings, size_t index) const {
+        return textBehind(strings.data + index * sizeof(uint32_t));
+    }
+
 private:
     static constexpr size_t kFirstSlot = 4;
+
+    // What lies as far behind these bytes as the number in them says.
+    ObjectVector elementsBehind(const uint8_t* distanceBytes, size_t elementSize) const {
+        const auto from = static_cast<size_t>(distanceBytes - data_);
+        const size_t distance = loadLittle<uint32_t>(distanceBytes);
+        if (distance > size_ - from || size_ - from - distance < sizeof(uint32_t)) return {};
+        const uint8_t* const head = distanceBytes + distance;
+        const size_t count = loadLittle<uint32_t>(head);
+        const size_t room = size_ - from - distance - sizeof(uint32_t);
+        if (count > room / elementSize) return {};
+        return {head + sizeof(uint32_t), count};
+    }
+    std::string_view textBehind(const uint8_t* distanceBytes) const {
+        const ObjectVector bytes = elementsBehind(distanceBytes, 1);
+        return {reinterpret_cast<const char*>(bytes.data), bytes.count};
+    }
 
     bool findTable() {
         if (!data_ || size_ < 2 * sizeof(uint32_t)) return false;

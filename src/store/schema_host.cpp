@@ -2,13 +2,18 @@
 
 #include <utility>
 
+#include "core/checks.h"
 #include "kv/partition.h"
 #include "kv/partition_cursor.h"
 #include "schema/index.h"
+#include "schema/property.h"
 #include "schema/relation.h"
 #include "schema/schema.h"
 #include "store/cursor.h"
+#include "store/index_cursor.h"
+#include "store/index_cursor_set.h"
 #include "store/object_store.h"
+#include "store/object_table.h"
 #include "store/transaction.h"
 
 namespace quillmere {
@@ -66,6 +71,19 @@ void StoreSchemaHost::removeAllObjects(const Entity& entity) {
 void StoreSchemaHost::removeIndexData(const Index& index) {
     const uint32_t prefix = partitionPrefix(PartitionType::Index, index.id());
     removeRange(prefix, prefix);
+}
+
+void StoreSchemaHost::rebuildIndex(const Entity& entity, const Property& property) {
+    const std::unique_ptr<Cursor> objects = tx_.createCursor(&entity);
+    IndexCursorSet* const indexCursorSet = objects->indexCursorSet();
+    CHECK_STATE_AT(213, indexCursorSet);
+    IndexCursor* const indexCursor = indexCursorSet->findIndexCursor(property.id());
+    CHECK_STATE_AT(230, indexCursor);
+    Bytes object;
+    for (bool found = objects->first(object); found; found = objects->next(object)) {
+        const ObjectTable table(object.data(), object.size());
+        indexCursor->updateEntry(objects->currentId(), table, nullptr);
+    }
 }
 
 void StoreSchemaHost::removeRelationData(const Relation& relation) {

@@ -28,6 +28,7 @@ public:
     void setSchema(std::shared_ptr<Schema> schema) override;
     void removeAllObjects(const Entity& entity) override;
     void removeIndexData(const Index& index) override;
+    void rebuildIndex(const Entity& entity, const Property& property) override;
     void removeRelationData(const Relation& relation) override;
 
 private:

@@ -33,4 +33,18 @@ private:
     CommitInProgress* const outer_;
 };
 
+// Counts a query as running for as long as it lives.
+class RunningQuery {
+public:
+    explicit RunningQuery(StoreActivity& activity) noexcept : activity_(activity) {
+        activity_.queries.fetch_add(1);
+    }
+    ~RunningQuery() { activity_.queries.fetch_sub(1); }
+    RunningQuery(const RunningQuery&) = delete;
+    RunningQuery& operator=(const RunningQuery&) = delete;
+
+private:
+    StoreActivity& activity_;
+};
+
 }  // namespace quillmere

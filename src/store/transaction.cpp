@@ -108,7 +108,7 @@ Transaction::Transaction(ObjectStore& store, std::unique_ptr<DbTransaction> dbTx
 
 Transaction::~Transaction() {
     TRACE_TX("to be destroyed on %s thread (last committed: TX #%zu)...",
-             threadNumber() == ownerThread_ ? "owner" : "non-owner", lastCommittedTx());
+             isOwnerThread() ? "owner" : "non-owner", lastCommittedTx());
     sizeCursor_.reset();
     if (recycled_) renewForDestruction();
     detachCursors();
@@ -145,6 +145,8 @@ void Transaction::requireActive() const {
         throwIllegalState("TX is not active anymore: #", static_cast<int64_t>(number_));
     }
 }
+
+bool Transaction::isOwnerThread() const { return threadNumber() == ownerThread_; }
 
 void Transaction::beginWrite() {
     requireOpenStore();
@@ -221,7 +223,7 @@ void Transaction::requireCommittable() {
     if (readOnly_) {
         throwIllegalState("Read transactions may not be committed - use abort instead");
     }
-    if (threadNumber() != ownerThread_) {
+    if (!isOwnerThread()) {
         throwIllegalState("Transactions may only be committed from the thread that started the "
                           "transaction");
     }
@@ -506,7 +508,7 @@ std::string Transaction::describe() const {
 
 // Low-level cursors of a recycled transaction can only be closed once it is renewed.
 void Transaction::renewForDestruction() noexcept {
-    if (threadNumber() != ownerThread_ || activity_->storeClosed.load() || !hasCursors()) return;
+    if (!isOwnerThread() || activity_->storeClosed.load() || !hasCursors()) return;
     TRACE_TX("renewed to close low level cursors");
     try {
         renew();
@@ -536,7 +538,7 @@ void Transaction::detachCursors() noexcept {
 
 void Transaction::endOnDestruction() {
     if (!active_ && !recycled_) return;
-    if (threadNumber() != ownerThread_) {
+    if (!isOwnerThread()) {
         if (recycled_) {
             logLine("%s [WARN ] Destroyed recycled transaction owned by thread %d from non-owner "
                     "thread '%s'\n",

@@ -70,6 +70,7 @@ public:
     uint64_t baseNumber() const { return baseNumber_; }
     bool active() const { return active_; }
     void requireActive() const;
+    bool isOwnerThread() const;
     bool recycled() const { return recycled_; }
     bool skipSyncCheck() const { return skipSyncCheck_; }
     bool trackDataSize() const { return trackDataSize_; }

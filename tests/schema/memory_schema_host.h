@@ -9,6 +9,7 @@
 
 #include "core/bytes.h"
 #include "schema/index.h"
+#include "schema/property.h"
 #include "schema/relation.h"
 #include "schema/schema.h"
 #include "schema/schema_host.h"
@@ -47,6 +48,9 @@ public:
     void removeIndexData(const Index& index) override {
         removals.push_back("index " + std::to_string(index.id()));
     }
+    void rebuildIndex(const Entity& entity, const Property& property) override {
+        rebuilds.push_back(entity.name() + "." + property.name());
+    }
     void removeRelationData(const Relation& relation) override {
         removals.push_back("relation " + std::to_string(relation.id()));
     }
@@ -59,6 +63,7 @@ public:
 
     std::map<uint64_t, std::string> elements;
     std::vector<std::string> removals;
+    std::vector<std::string> rebuilds;
     int writes = 0;
     bool readOnly_ = false;
 

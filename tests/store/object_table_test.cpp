@@ -23,10 +23,24 @@ struct ExactBytes {
     size_t size;
 };
 
+uint64_t sum = 0;  // of all bytes read, so that reading them is not left out
+
+// As a string, as a vector of numbers and as a vector of strings.
+void readBehind(const ObjectTable& table, uint16_t slot) {
+    for (const char c : table.string(slot)) sum += static_cast<uint8_t>(c);
+    const ObjectVector numbers = table.vector(slot, sizeof(uint64_t));
+    for (size_t i = 0; i < numbers.count; ++i) sum += numbers.at<uint64_t>(i);
+    const ObjectVector strings = table.stringVector(slot);
+    for (size_t i = 0; i < strings.count; ++i) {
+        for (const char c : table.stringAt(strings, i)) sum += static_cast<uint8_t>(c);
+    }
+}
+
 void touchAllFields(const ExactBytes& bytes) {
     const MutableObjectTable table(bytes.data.get(), bytes.size);
     for (uint32_t slot = 0; slot <= 0xFFFF; slot += 1) {
         uint8_t* const field = table.field(static_cast<uint16_t>(slot), sizeof(uint64_t));
+        readBehind(table, static_cast<uint16_t>(slot));
         if (field) storeLittle<uint64_t>(field, 0);
         if (!field && slot > 64 && slot < 0xFFF0) slot = 0xFFF0;  // the middle is all the same
     }
@@ -52,6 +66,37 @@ TEST(ObjectTable, ReadsAtAnyAlignment) {
         const ObjectTable table(shifted.data() + shift, object.size());
         EXPECT_EQ(table.scalar<uint64_t>(kIdSlot), 0x1122334455667788u);
     }
+}
+
+TEST(ObjectTable, ReadsStringsAndVectors) {
+    flatbuffers::FlatBufferBuilder builder;
+    const auto text = builder.CreateString("text");
+    const auto empty = builder.CreateString("");
+    const auto numbers = builder.CreateVector(std::vector<uint16_t>{7, 0xFFFF});
+    const auto strings = builder.CreateVectorOfStrings({"a", "", "long enough"});
+    const auto start = builder.StartTable();
+    builder.AddOffset(4, text);
+    builder.AddOffset(6, empty);
+    builder.AddOffset(10, numbers);
+    builder.AddOffset(12, strings);
+    builder.Finish(flatbuffers::Offset<flatbuffers::Table>(builder.EndTable(start)));
+    const ObjectTable table(builder.GetBufferPointer(), builder.GetSize());
+
+    EXPECT_EQ(table.string(4), "text");
+    EXPECT_TRUE(table.string(6).empty());
+    EXPECT_NE(table.string(6).data(), nullptr);
+    EXPECT_EQ(table.string(8).data(), nullptr);  // absent
+    EXPECT_FALSE(table.vector(8, 2));
+    const ObjectVector vector = table.vector(10, 2);
+    ASSERT_EQ(vector.count, 2u);
+    EXPECT_EQ(vector.at<uint16_t>(0), 7);
+    EXPECT_EQ(vector.at<uint16_t>(1), 0xFFFF);
+    EXPECT_FALSE(table.vector(10, 1000));  // so many bytes are not there
+    const ObjectVector list = table.stringVector(12);
+    ASSERT_EQ(list.count, 3u);
+    EXPECT_EQ(table.stringAt(list, 0), "a");
+    EXPECT_EQ(table.stringAt(list, 1), "");
+    EXPECT_EQ(table.stringAt(list, 2), "long enough");
 }
 
 TEST(ObjectTable, StaysInsideOfTruncatedBytes) {

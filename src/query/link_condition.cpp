@@ -1,0 +1,99 @@
+#include "query/link_condition.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "core/bytes.h"
+#include "core/checks.h"
+#include "query/query.h"
+#include "schema/entity.h"
+#include "schema/property.h"
+#include "schema/relation.h"
+#include "store/cursor.h"
+#include "store/index_cursor.h"
+#include "store/object_table.h"
+#include "store/relation_cursor.h"
+
+namespace quillmere {
+
+QueryConditionLink::QueryConditionLink(uint32_t linkedEntityId, const Property& relationProperty,
+                                       bool backlink)
+    : QueryCondition(QueryOp::Link),
+      linkedEntityId_(linkedEntityId),
+      relation_(nullptr),
+      relationProperty_(&relationProperty),
+      backlink_(backlink) {}
+
+QueryConditionLink::QueryConditionLink(uint32_t linkedEntityId, const Relation& relation,
+                                       bool backlink)
+    : QueryCondition(QueryOp::Link),
+      linkedEntityId_(linkedEntityId),
+      relation_(&relation),
+      relationProperty_(nullptr),
+      backlink_(backlink) {}
+
+QueryConditionLink::~QueryConditionLink() = default;
+
+void QueryConditionLink::setSubQuery(std::unique_ptr<Query> subQuery) {
+    subQuery_ = std::move(subQuery);
+}
+
+std::unique_ptr<QueryConditionLink> QueryConditionLink::cloneWith(
+    QueryBuilder* builder, std::unique_ptr<Query> subQuery) const {
+    auto link = relation_ ? std::make_unique<QueryConditionLink>(linkedEntityId_, *relation_,
+                                                                 backlink_)
+                          : std::make_unique<QueryConditionLink>(linkedEntityId_,
+                                                                 *relationProperty_, backlink_);
+    link->setBuilder(builder);
+    link->setSubQuery(std::move(subQuery));
+    return link;
+}
+
+std::string QueryConditionLink::describe(uint32_t indent) const {
+    CHECK_STATE_AT(69, subQuery_);
+    std::string text(indent + 1, '|');
+    text += backlink_ ? " Backlink " : " Link ";
+    text += subQuery_->entity().name() + " via ";
+    text += relation_ ? "standalone " + relation_->text() : relationProperty_->name();
+    return text + " with conditions: " + subQuery_->describeParameters(indent + 1);
+}
+
+void QueryConditionLink::lookupIds(Cursor& cursor, Ids& ids) const {
+    Ids linked;
+    subQuery_->findIdsWithoutComparator(cursor.cursorFor(linkedEntityId_), linked, 0);
+    if (linked.empty()) return;
+    if (relation_) {
+        stepThroughRelation(cursor.cursorFor(relation_->sourceEntityId()), linked, ids);
+    } else if (backlink_) {
+        stepAgainstProperty(cursor.cursorFor(relationProperty_->entityId()), linked, ids);
+    } else {
+        stepThroughProperty(cursor.cursorFor(relationProperty_->entityId()), linked, ids);
+    }
+    std::sort(ids.begin(), ids.end());
+    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+}
+
+// The linked objects are the targets of a forward link.
+void QueryConditionLink::stepThroughRelation(Cursor& source, const Ids& linked, Ids& ids) const {
+    RelationCursor& relationCursor = source.relationCursor(relation_->id());
+    for (const uint64_t id : linked) relationCursor.findIds(id, ids, !backlink_);
+}
+
+// The linked objects are the targets: the index knows who refers to them.
+void QueryConditionLink::stepThroughProperty(Cursor& source, const Ids& linked, Ids& ids) const {
+    IndexCursor& indexCursor = source.getIndexCursor(*relationProperty_);
+    for (const uint64_t id : linked) indexCursor.findScalarIds64(id, &ids);
+}
+
+// The linked objects refer to the IDs.
+void QueryConditionLink::stepAgainstProperty(Cursor& source, const Ids& linked, Ids& ids) const {
+    const uint16_t slot = relationProperty_->flatOffset();
+    Bytes object;
+    for (const uint64_t id : linked) {
+        if (!source.get(id, object)) continue;
+        const auto target = ObjectTable(object.data(), object.size()).scalar<uint64_t>(slot);
+        if (target != 0) ids.push_back(target);
+    }
+}
+
+}  // namespace quillmere

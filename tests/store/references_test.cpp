@@ -1,0 +1,250 @@
+// What removing objects does to the objects and links that refer to them.
+
+#include <map>
+#include <random>
+#include <set>
+
+#include "store/index_test.h"
+#include "support/expect_throw.h"
+#include "support/seed.h"
+
+namespace quillmere {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+constexpr uint64_t kLongId = 0x100000000;
+
+// Customers have friends among themselves; orders belong to a customer and hold products; orders
+// also follow an order.
+constexpr uint32_t kCustomers = 1;
+constexpr uint32_t kOrders = 2;
+constexpr uint32_t kProducts = 3;
+constexpr uint32_t kCustomerId = 2;   // property of an order
+constexpr uint32_t kFollows = 3;      // property of an order
+constexpr uint32_t kNote = 4;         // property of an order
+constexpr uint32_t kContains = 1;     // relation of orders to products
+constexpr uint32_t kFriends = 2;      // relation of customers to customers
+
+class ReferencesTest : public IndexTest {
+protected:
+    void SetUp() override {
+        open(SchemaSpec()
+                 .entity(kCustomers, "Customer")
+                 .relation(kFriends, kCustomers)
+                 .entity(kOrders, "Order")
+                 .toOne(kCustomerId, "customerId", kCustomers)
+                 .toOne(kFollows, "followsId", kOrders)
+                 .property(kNote, "note", PropertyType::String, kPropertyIndexed)
+                 .relation(kContains, kProducts)
+                 .entity(kProducts, "Product"));
+        tx_ = write();
+        customers_ = cursor(*tx_, kCustomers);
+        orders_ = cursor(*tx_, kOrders);
+        products_ = cursor(*tx_, kProducts);
+    }
+    void TearDown() override {
+        customers_.reset();
+        orders_.reset();
+        products_.reset();
+        tx_.reset();
+    }
+
+    void putOrder(uint64_t id, uint64_t customer, uint64_t follows = 0) {
+        put(*orders_, id,
+            {{kCustomerId, customer}, {kFollows, follows}, {kNote, std::string("note")}});
+    }
+    uint64_t reference(uint64_t orderId, uint32_t propertyId) {
+        Bytes object;
+        EXPECT_TRUE(orders_->get(orderId, object));
+        EXPECT_EQ(objectText(object.data(), kNote), "note");
+        return objectValue<uint64_t>(object.data(), propertyId);
+    }
+    std::vector<uint64_t> ordersOf(Cursor& cursor, uint64_t customer) {
+        std::vector<uint64_t> ids;
+        cursor.backlinkIds(property(kOrders, kCustomerId), customer, ids);
+        return ids;
+    }
+    static std::vector<uint64_t> linked(RelationCursor& relation, uint64_t id, bool reverse) {
+        std::vector<uint64_t> ids;
+        relation.findIds(id, ids, reverse);
+        return ids;
+    }
+    std::vector<std::string> faults() {
+        return IndexChecker(*tx_).requireLinkedObjects().faults();
+    }
+
+    std::unique_ptr<Transaction> tx_;
+    std::unique_ptr<Cursor> customers_, orders_, products_;
+};
+
+TEST_F(ReferencesTest, BacklinksComeFromTheIndexOfTheReferringEntity) {
+    put(*customers_, 1);
+    putOrder(10, 1);
+    putOrder(kLongId, 1);
+    putOrder(11, 2);
+    EXPECT_THAT(ordersOf(*customers_, 1), UnorderedElementsAre(10, kLongId));
+    EXPECT_THAT(ordersOf(*orders_, 2), ElementsAre(11));
+    EXPECT_THAT(ordersOf(*orders_, 3), IsEmpty());
+    EXPECT_EQ(messageOf<IllegalArgumentException>([&] { ordersOf(*orders_, 0); }),
+              "Illegal ID value: 0");
+    std::vector<uint64_t> ids;
+    EXPECT_THAT(messageOf<IllegalArgumentException>(
+                    [&] { orders_->backlinkIds(property(kOrders, kNote), 1, ids); }),
+                ::testing::StartsWith("Argument condition \"isRelation\" not met (L"));
+}
+
+TEST_F(ReferencesTest, RemovingATargetSetsReferencesToZero) {
+    put(*customers_, 1);
+    put(*customers_, 2);
+    putOrder(10, 1);
+    putOrder(11, 1);
+    putOrder(12, 2);
+    EXPECT_TRUE(customers_->remove(1));
+    EXPECT_EQ(reference(10, kCustomerId), 0u);
+    EXPECT_EQ(reference(11, kCustomerId), 0u);
+    EXPECT_EQ(reference(12, kCustomerId), 2u);
+    EXPECT_THAT(faults(), IsEmpty());
+    std::vector<uint32_t> affected;
+    tx_->commit(&affected);
+    EXPECT_THAT(affected, UnorderedElementsAre(kCustomers, kOrders));
+}
+
+TEST_F(ReferencesTest, RemovalKeepsThePlaceThoughItRewritesItsOwnEntity) {
+    for (const uint64_t id : {10, 11, 12}) putOrder(id, 0, 11);
+    ASSERT_TRUE(orders_->seek(11));
+    EXPECT_TRUE(orders_->removeCurrent());
+    EXPECT_EQ(orders_->currentId(), 12u);
+    EXPECT_EQ(reference(10, kFollows), 0u);
+    EXPECT_EQ(reference(12, kFollows), 0u);
+    ASSERT_TRUE(orders_->seek(12));
+    putOrder(10, 0, 12);
+    ASSERT_TRUE(orders_->seek(12));
+    EXPECT_TRUE(orders_->removeCurrent());
+    EXPECT_EQ(orders_->currentId(), ~uint64_t{0});  // behind the last
+    EXPECT_THAT(faults(), IsEmpty());
+}
+
+TEST_F(ReferencesTest, LinksGoWithEitherEnd) {
+    for (const uint64_t id : {1, 2, 3}) put(*customers_, id);
+    for (const uint64_t id : {10, 11}) putOrder(id, 0);
+    for (const uint64_t id : {20, 21}) put(*products_, id);
+    RelationCursor& contains = orders_->relationCursor(kContains);
+    RelationCursor& friends = customers_->relationCursor(kFriends);
+    for (const uint64_t order : {10, 11}) {
+        for (const uint64_t product : {20, 21}) contains.put(order, product);
+    }
+    friends.put(1, 1);
+    friends.put(1, 2);
+    friends.put(3, 1);
+    EXPECT_TRUE(orders_->remove(10));
+    EXPECT_THAT(linked(contains, 20, true), ElementsAre(11));
+    EXPECT_TRUE(products_->remove(20));
+    EXPECT_THAT(linked(contains, 11, false), ElementsAre(21));
+    EXPECT_TRUE(customers_->remove(1));
+    EXPECT_THAT(linked(friends, 3, false), IsEmpty());
+    EXPECT_THAT(linked(friends, 2, true), IsEmpty());
+    EXPECT_THAT(faults(), IsEmpty());
+}
+
+TEST_F(ReferencesTest, RemovingAllClearsEverythingThatRefersToThem) {
+    for (const uint64_t id : {1, 2}) put(*customers_, id);
+    for (const uint64_t id : {10, 11, 12}) putOrder(id, id == 12 ? 0 : 1, 10);
+    put(*products_, 20);
+    orders_->relationCursor(kContains).put(10, 20);
+    customers_->relationCursor(kFriends).put(1, 2);
+    EXPECT_EQ(customers_->removeAll(), 2u);
+    EXPECT_EQ(reference(10, kCustomerId), 0u);
+    EXPECT_EQ(reference(11, kFollows), 10u);
+    EXPECT_THAT(faults(), IsEmpty());
+    EXPECT_EQ(products_->removeAll(), 1u);
+    EXPECT_THAT(faults(), IsEmpty());
+    EXPECT_EQ(orders_->removeAll(), 3u);
+    EXPECT_THAT(faults(), IsEmpty());
+    for (const auto& [entityId, propertyId] :
+         {std::pair(kOrders, kNote), std::pair(kOrders, kFollows)}) {
+        EXPECT_THAT(entries(*tx_, entityId, propertyId), IsEmpty());
+    }
+}
+
+TEST_F(ReferencesTest, RemovingAllInStepsEndsWithNothingLeft) {
+    for (const uint64_t id : {10, 11}) putOrder(id, 1, 10);
+    put(*products_, 20);
+    orders_->relationCursor(kContains).put(10, 20);
+    std::vector<uint64_t> steps;
+    uint64_t changes = 0;
+    do {
+        changes = 0;
+        orders_->removeAllBatch(changes, true);
+        steps.push_back(changes);
+    } while (changes != 0);
+    EXPECT_THAT(steps, ElementsAre(2, 2, 2, 2, 2, 0));  // three indexes, one link twice, objects
+    EXPECT_THAT(faults(), IsEmpty());
+}
+
+TEST_F(ReferencesTest, TheDataSizeStaysRightWhenReferencesAreCleared) {
+    TearDown();
+    const auto schema = store_->requireSchema();
+    store_.reset();
+    StoreOptions options;
+    options.directory = dir_.path("db");
+    options.maxDataSizeInKb = 100;
+    store_ = std::make_unique<ObjectStore>(options);
+    store_->setSchema(schema);
+    tx_ = write();
+    customers_ = cursor(*tx_, kCustomers);
+    orders_ = cursor(*tx_, kOrders);
+    put(*customers_, 1);
+    const int64_t customerSize = tx_->dataSizeChange();
+    putOrder(10, 1);
+    const int64_t before = tx_->dataSizeChange();
+    EXPECT_TRUE(customers_->remove(1));
+    EXPECT_EQ(tx_->dataSizeChange(), before - customerSize);
+    EXPECT_TRUE(orders_->remove(10));
+    EXPECT_EQ(tx_->dataSizeChange(), 0);
+}
+
+// Random puts and removals on all three entities; then everything derived is recomputed.
+TEST_F(ReferencesTest, RandomOperationsLeaveNoOrphans) {
+    std::mt19937 random(testSeed());
+    const auto id = [&] { return 1 + random() % 12 + (random() % 5 == 0 ? kLongId : 0); };
+    RelationCursor& contains = orders_->relationCursor(kContains);
+    RelationCursor& friends = customers_->relationCursor(kFriends);
+    const auto link = [&](RelationCursor& relation, Cursor& sources, Cursor& targets) {
+        const uint64_t source = id();
+        const uint64_t target = id();
+        if (sources.seek(source) && targets.seek(target)) relation.put(source, target);
+    };
+    std::set<uint64_t> present;
+    for (int i = 0; i < 4000; ++i) {
+        const uint64_t one = id();
+        switch (random() % 9) {
+            case 0: put(*customers_, one); break;
+            case 1: put(*products_, one); break;
+            case 2:
+            case 3: putOrder(one, customers_->seek(one) ? one : 0, orders_->seekFirstId()); break;
+            case 4: customers_->remove(one); break;
+            case 5: orders_->remove(one); break;
+            case 6: products_->remove(one); break;
+            case 7: link(contains, *orders_, *products_); break;
+            default: link(friends, *customers_, *customers_);
+        }
+        if (i % 200 != 0) continue;
+        ASSERT_THAT(faults(), IsEmpty());
+        Bytes order;
+        for (bool on = orders_->first(order); on; on = orders_->next(order)) {
+            const auto customer = objectValue<uint64_t>(order.data(), kCustomerId);
+            const auto follows = objectValue<uint64_t>(order.data(), kFollows);
+            Bytes ignored;
+            EXPECT_TRUE(customer == 0 || customers_->get(customer, ignored));
+            const uint64_t place = orders_->currentId();
+            EXPECT_TRUE(follows == 0 || orders_->get(follows, ignored));
+            ASSERT_TRUE(orders_->seek(place));
+        }
+    }
+}
+
+}  // namespace
+}  // namespace quillmere
