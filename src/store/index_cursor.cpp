@@ -398,22 +398,23 @@ uint64_t IndexCursor::findByHash(std::string_view value, std::vector<uint64_t>* 
     return first;
 }
 
+// Whether an entry that starts with the searched bytes matches. If it ends with them, its string is
+// the value; else it has a zero behind the value, or the value is but a prefix.
+static bool matchesSearched(IndexMatch match, bool ends) {
+    switch (match) {
+        case IndexMatch::Equal:
+        case IndexMatch::LessOrEqual: return ends;
+        case IndexMatch::Greater: return !ends;
+        case IndexMatch::Less: return false;
+        default: return true;
+    }
+}
+
 // Moves to the first entry that may match.
-bool IndexCursor::seekString(size_t searchSize, IndexMatch match) {
-    bool found = false;
-    const bool backward = match == IndexMatch::Less || match == IndexMatch::LessOrEqual;
-    if (backward) {
-        std::memset(keyBuffer_.data() + searchSize, 0xFF, kLongIdSize);
-        found = kv_.seekOrPrevious(keyBuffer_.data(), searchSize + kLongIdSize);
-    } else {
-        found = kv_.seekOrNext(keyBuffer_.data(), searchSize);
-    }
-    if (match == IndexMatch::Greater || match == IndexMatch::Less) {
-        while (found && kv_.key().size() == searchSize + kLongIdSize && hasSearched(searchSize)) {
-            found = backward ? kv_.previous() : kv_.next();
-        }
-    }
-    return found;
+bool IndexCursor::seekString(size_t searchSize, bool backward) {
+    if (!backward) return kv_.seekOrNext(keyBuffer_.data(), searchSize);
+    std::memset(keyBuffer_.data() + searchSize, 0xFF, kLongIdSize);
+    return kv_.seekOrPrevious(keyBuffer_.data(), searchSize + kLongIdSize);
 }
 
 uint64_t IndexCursor::findIds(std::string_view value, std::vector<uint64_t>* ids,
@@ -421,19 +422,20 @@ uint64_t IndexCursor::findIds(std::string_view value, std::vector<uint64_t>* ids
     if (match > IndexMatch::LessOrEqual) throwIllegalArgument("Unsupported match type");
     if (indexType_ != IndexType::Value) return findByHash(value, ids, outNotDefinite);
 
-    const bool wholeString = match != IndexMatch::StartsWith;
-    const size_t wanted = value.size() + (wholeString ? 1 : 0);
+    const size_t wanted = value.size() + (match == IndexMatch::StartsWith ? 0 : 1);
     outNotDefinite = wanted > kMaxStringValue;
     const size_t searchSize = setStringPart(value, std::min(wanted, kMaxStringValue));
+    const bool bounded = match == IndexMatch::Equal || match == IndexMatch::StartsWith;
     const bool backward = match == IndexMatch::Less || match == IndexMatch::LessOrEqual;
     uint64_t first = kNoId;
-    for (bool found = seekString(searchSize, match); found;
+    bool searched = true;  // the entries that start with the searched bytes come first
+    for (bool found = seekString(searchSize, backward); found;
          found = backward ? kv_.previous() : kv_.next()) {
-        const bool bounded = match == IndexMatch::Equal || match == IndexMatch::StartsWith;
-        if (bounded && !hasSearched(searchSize)) break;
-        // A string with a zero inside may lie between two entries of the value.
-        const bool longer = kv_.key().size() != searchSize + kLongIdSize;
-        if (match == IndexMatch::Equal && longer) continue;
+        searched = searched && hasSearched(searchSize);
+        if (bounded && !searched) break;
+        const bool ends = kv_.key().size() == searchSize + kLongIdSize;
+        // Of a value that was cut, only the object tells.
+        if (searched && !outNotDefinite && !matchesSearched(match, ends)) continue;
         const uint64_t id = idOfStringEntry();
         if (!ids) return id;
         if (first == kNoId) first = id;

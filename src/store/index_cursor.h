@@ -117,7 +117,7 @@ private:
     void visitScalar(uint64_t value, Visit&& visit);
     uint64_t findScalarIds(uint64_t value, std::vector<uint64_t>* ids);
     uint64_t findByHash(std::string_view value, std::vector<uint64_t>* ids, bool& outNotDefinite);
-    bool seekString(size_t searchSize, IndexMatch match);
+    bool seekString(size_t searchSize, bool backward);
     bool hasSearched(size_t searchSize) const;
     uint64_t idOfStringEntry() const;
     uint64_t idOfScalarEntry() const;

@@ -178,7 +178,9 @@ TEST_F(ConditionTest, BetweenIncludesItsBoundsInEitherOrder) {
             const QueryCondition& condition = builder.between(*property, a, b);
             ASSERT_EQ(check(condition, {{property->name(), stored}}), low <= value && value <= high)
                 << condition.describe(0) << " of " << stored;
-            EXPECT_FALSE(check(condition, {}));
+            if (!property->hasFlag(kPropertyId)) {
+                EXPECT_FALSE(check(condition, {}));
+            }
         }
     }
     QueryBuilder builder = makeBuilder();
@@ -681,6 +683,22 @@ TEST_F(ConditionTest, IndexedTextIsFoundAsUnindexedTextIs) {
             EXPECT_EQ(found("indexedText"), expected) << op << ' ' << text.size();
             EXPECT_EQ(found("hashedText"), expected) << op << ' ' << text.size();
         }
+    }
+}
+
+TEST_F(ConditionTest, AnIndexOrdersAStringWithAZeroBehindItsStart) {
+    const std::string texts[] = {"ab", std::string("ab\0", 3), std::string("ab\0x", 4), "abc"};
+    for (uint64_t id = 1; id <= std::size(texts); ++id) {
+        put(*things_, id, {{"indexedText", texts[id - 1]}});
+    }
+    const Property& text = property("indexedText");
+    for (const bool orEqual : {false, true}) {
+        QueryBuilder less = makeBuilder(), greater = makeBuilder();
+        less.less(text, "ab", true, orEqual);
+        greater.greater(text, "ab", true, orEqual);
+        using Ids = std::vector<uint64_t>;
+        EXPECT_EQ(findIds(*less.build()), orEqual ? Ids{1} : Ids{});
+        EXPECT_EQ(findIds(*greater.build()), orEqual ? (Ids{1, 2, 3, 4}) : (Ids{2, 3, 4}));
     }
 }
 
