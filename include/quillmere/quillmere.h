@@ -694,6 +694,23 @@ QMR_API qmr_err qmr_cursor_count(QMR_cursor* cursor, uint64_t* out_count);
 /* Counts no further than `max_count`; 0: to the end. */
 QMR_API qmr_err qmr_cursor_count_max(QMR_cursor* cursor, uint64_t max_count, uint64_t* out_count);
 QMR_API qmr_err qmr_cursor_is_empty(QMR_cursor* cursor, bool* out_is_empty);
+
+/* The objects that refer to `id` by a to-one relation, which is the property of an entity; bytes as
+ * above, in no particular order. */
+QMR_API QMR_bytes_array* qmr_cursor_backlinks(QMR_cursor* cursor, qmr_schema_id entity_id,
+                                              qmr_schema_id property_id, qmr_id id);
+QMR_API QMR_id_array* qmr_cursor_backlink_ids(QMR_cursor* cursor, qmr_schema_id entity_id,
+                                              qmr_schema_id property_id, qmr_id id);
+/* Links of a standalone relation whose source is the cursor's entity. Putting a link twice, or
+ * removing one that is not there, is no error. The objects need not exist, but removing one also
+ * removes its links. The IDs, of targets, come in no particular order. */
+QMR_API qmr_err qmr_cursor_rel_put(QMR_cursor* cursor, qmr_schema_id relation_id, qmr_id source_id,
+                                   qmr_id target_id);
+QMR_API qmr_err qmr_cursor_rel_remove(QMR_cursor* cursor, qmr_schema_id relation_id,
+                                      qmr_id source_id, qmr_id target_id);
+QMR_API QMR_id_array* qmr_cursor_rel_ids(QMR_cursor* cursor, qmr_schema_id relation_id,
+                                         qmr_id source_id);
+
 /* Time series are a feature of their own: these fail where the build lacks it. */
 QMR_API qmr_err qmr_cursor_ts_min_max(QMR_cursor* cursor, qmr_id* out_min_id,
                                       int64_t* out_min_value, qmr_id* out_max_id,
@@ -760,6 +777,22 @@ QMR_API qmr_err qmr_kist_contains_many(QMR_kist* kist, const QMR_id_array* ids,
 /* Counts no further than `max_count`; 0: to the end. */
 QMR_API qmr_err qmr_kist_count(QMR_kist* kist, uint64_t max_count, uint64_t* out_count);
 QMR_API qmr_err qmr_kist_is_empty(QMR_kist* kist, bool* out_is_empty);
+
+/* The objects of this kist that refer to `id` by their to-one relation. */
+QMR_API QMR_id_array* qmr_kist_get_backlink_ids(QMR_kist* kist, qmr_schema_id property_id,
+                                                qmr_id id);
+/* Links of a standalone relation whose source is the kist's entity, as with cursors. */
+QMR_API qmr_err qmr_kist_rel_put(QMR_kist* kist, qmr_schema_id relation_id, qmr_id source_id,
+                                 qmr_id target_id);
+/* QMR_NOT_FOUND if there is no such link. */
+QMR_API qmr_err qmr_kist_rel_remove(QMR_kist* kist, qmr_schema_id relation_id, qmr_id source_id,
+                                    qmr_id target_id);
+/* The targets of `id`, an object of this kist. */
+QMR_API QMR_id_array* qmr_kist_rel_get_ids(QMR_kist* kist, qmr_schema_id relation_id, qmr_id id);
+/* The sources of `id`, an object of this kist, for a relation whose target is the kist's entity. */
+QMR_API QMR_id_array* qmr_kist_rel_get_backlink_ids(QMR_kist* kist, qmr_schema_id relation_id,
+                                                    qmr_id id);
+
 /* Time series are a feature of their own: these fail where the build lacks it. */
 QMR_API qmr_err qmr_kist_ts_min_max(QMR_kist* kist, qmr_id* out_min_id, int64_t* out_min_value,
                                     qmr_id* out_max_id, int64_t* out_max_value);

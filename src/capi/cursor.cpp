@@ -9,6 +9,7 @@
 #include "schema/schema.h"
 #include "store/cursor.h"
 #include "store/entity_state.h"
+#include "store/relation_cursor.h"
 
 using namespace quillmere;
 
@@ -43,6 +44,19 @@ qmr_id putObjectWithMode(QMR_cursor* cursor, void* data, size_t size, int32_t mo
     CHECK_ARG_NOT_NULL(cursor);
     CHECK_ARG_NOT_NULL(data);
     return cursor->cursor->putObject(data, size, mode);
+}
+
+const Property& getProperty(const QMR_cursor* cursor, qmr_schema_id entityId,
+                            qmr_schema_id propertyId) {
+    CHECK_STATE_TEXT_AT(232, cursor->cursor, __func__, "cursor->cursor");
+    const auto schema = cursor->cursor->tx().store().requireSchema();
+    return schema->entityById(entityId).propertyById(propertyId);
+}
+
+std::vector<uint64_t> backlinkIds(Cursor& cursor, const Property& property, qmr_id id) {
+    std::vector<uint64_t> ids;
+    cursor.backlinkIds(property, id, ids);
+    return ids;
 }
 
 }  // namespace
@@ -203,6 +217,54 @@ qmr_err qmr_cursor_is_empty(QMR_cursor* cursor, bool* out_is_empty) {
         CHECK_ARG_NOT_NULL(cursor);
         CHECK_ARG_NOT_NULL(out_is_empty);
         *out_is_empty = cursor->cursor->isEmpty();
+    });
+}
+
+QMR_bytes_array* qmr_cursor_backlinks(QMR_cursor* cursor, qmr_schema_id entity_id,
+                                      qmr_schema_id property_id, qmr_id id) {
+    return pointerCall([&] {
+        CHECK_ARG_NOT_NULL(cursor);
+        const Property& property = getProperty(cursor, entity_id, property_id);
+        const std::vector<uint64_t> ids = backlinkIds(*cursor->cursor, property, id);
+        Cursor& owner = cursor->cursor->cursorFor(entity_id);
+        std::vector<Bytes> objects(ids.size());
+        for (size_t i = 0; i < ids.size(); ++i) owner.get(ids[i], objects[i]);
+        return makeBytesArray(objects);
+    });
+}
+
+QMR_id_array* qmr_cursor_backlink_ids(QMR_cursor* cursor, qmr_schema_id entity_id,
+                                      qmr_schema_id property_id, qmr_id id) {
+    return pointerCall([&] {
+        CHECK_ARG_NOT_NULL(cursor);
+        const Property& property = getProperty(cursor, entity_id, property_id);
+        return makeIdArray(backlinkIds(*cursor->cursor, property, id));
+    });
+}
+
+qmr_err qmr_cursor_rel_put(QMR_cursor* cursor, qmr_schema_id relation_id, qmr_id source_id,
+                           qmr_id target_id) {
+    return statusCall([&] {
+        CHECK_ARG_NOT_NULL(cursor);
+        cursor->cursor->relationCursor(relation_id).put(source_id, target_id);
+    });
+}
+
+qmr_err qmr_cursor_rel_remove(QMR_cursor* cursor, qmr_schema_id relation_id, qmr_id source_id,
+                              qmr_id target_id) {
+    return statusCall([&] {
+        CHECK_ARG_NOT_NULL(cursor);
+        cursor->cursor->relationCursor(relation_id).remove(source_id, target_id);
+    });
+}
+
+QMR_id_array* qmr_cursor_rel_ids(QMR_cursor* cursor, qmr_schema_id relation_id,
+                                 qmr_id source_id) {
+    return pointerCall([&] {
+        CHECK_ARG_NOT_NULL(cursor);
+        std::vector<uint64_t> ids;
+        cursor->cursor->relationCursor(relation_id).findIds(source_id, ids, false);
+        return makeIdArray(ids);
     });
 }
 

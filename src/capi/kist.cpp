@@ -10,6 +10,7 @@
 #include "core/checks.h"
 #include "core/error.h"
 #include "core/feature.h"
+#include "schema/entity.h"
 #include "store/cursor.h"
 #include "store/entity_state.h"
 #include "store/kist.h"
@@ -70,6 +71,14 @@ qmr_err refusedIdCode(int32_t mode) {
             throwIllegalState("Internal error; put should not result in !allOk for mode ",
                               int64_t{mode});
     }
+}
+
+QMR_id_array* relationIds(QMR_kist* kist, qmr_schema_id relationId, qmr_id id, bool backlink) {
+    CHECK_ARG_NOT_NULL(kist);
+    checkStoreOpen(kist);
+    std::vector<uint64_t> ids;
+    kist->kist.relationIds(relationId, id, ids, backlink);
+    return makeIdArray(ids);
 }
 
 }  // namespace
@@ -278,6 +287,41 @@ qmr_err qmr_kist_is_empty(QMR_kist* kist, bool* out_is_empty) {
         CHECK_ARG_NOT_NULL(out_is_empty);
         *out_is_empty = kist->kist.isEmpty();
     });
+}
+
+QMR_id_array* qmr_kist_get_backlink_ids(QMR_kist* kist, qmr_schema_id property_id, qmr_id id) {
+    return pointerCall([&] {
+        CHECK_ARG_NOT_NULL(kist);
+        checkStoreOpen(kist);
+        std::vector<uint64_t> ids;
+        kist->kist.backlinkIds(kist->kist.entity().propertyById(property_id), id, ids);
+        return makeIdArray(ids);
+    });
+}
+
+qmr_err qmr_kist_rel_put(QMR_kist* kist, qmr_schema_id relation_id, qmr_id source_id,
+                         qmr_id target_id) {
+    return statusCall([&] {
+        CHECK_ARG_NOT_NULL(kist);
+        kist->kist.relationPut(relation_id, source_id, target_id);
+    });
+}
+
+qmr_err qmr_kist_rel_remove(QMR_kist* kist, qmr_schema_id relation_id, qmr_id source_id,
+                            qmr_id target_id) {
+    return foundCall([&] {
+        CHECK_ARG_NOT_NULL(kist);
+        return kist->kist.relationRemove(relation_id, source_id, target_id);
+    });
+}
+
+QMR_id_array* qmr_kist_rel_get_ids(QMR_kist* kist, qmr_schema_id relation_id, qmr_id id) {
+    return pointerCall([&] { return relationIds(kist, relation_id, id, false); });
+}
+
+QMR_id_array* qmr_kist_rel_get_backlink_ids(QMR_kist* kist, qmr_schema_id relation_id,
+                                            qmr_id id) {
+    return pointerCall([&] { return relationIds(kist, relation_id, id, true); });
 }
 
 qmr_err qmr_kist_ts_min_max(QMR_kist* kist, qmr_id*, int64_t*, qmr_id*, int64_t*) {

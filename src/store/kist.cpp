@@ -1,9 +1,13 @@
 #include "store/kist.h"
 
+#include <algorithm>
+#include <string>
+
 #include "core/error.h"
 #include "schema/schema.h"
 #include "store/cursor.h"
 #include "store/object_store.h"
+#include "store/relation_cursor.h"
 #include "store/thread_tx.h"
 
 namespace quillmere {
@@ -123,6 +127,51 @@ uint64_t Kist::removeMany(const std::vector<uint64_t>& ids) {
 
 uint64_t Kist::removeAll() {
     return inWriteTx(store_, entity_, [](Cursor& cursor) { return cursor.removeAll(); });
+}
+
+// --- relations -----------------------------------------------------------------------------------
+
+void Kist::relationPut(uint32_t relationId, uint64_t sourceId, uint64_t targetId) {
+    ThreadTx tx(store_, TxMode::Write, &entity_);
+    tx.cursor().relationCursor(relationId).put(sourceId, targetId);
+    tx.markSuccess();
+}
+
+bool Kist::relationRemove(uint32_t relationId, uint64_t sourceId, uint64_t targetId) {
+    return inWriteTx(store_, entity_, [&](Cursor& cursor) {
+        return cursor.relationCursor(relationId).remove(sourceId, targetId);
+    });
+}
+
+// The relation, if this entity is its source or, with `backlink`, its target.
+const Relation& Kist::relationWithThisSide(uint32_t relationId, bool backlink) const {
+    const Relation* const outgoing = entity_.findRelationById(relationId);
+    const auto& incomingRelations = entity_.incomingRelations();
+    const auto found = std::ranges::find(incomingRelations, relationId, &Relation::id);
+    const Relation* const incoming = found == incomingRelations.end() ? nullptr : *found;
+    if (const Relation* const relation = backlink ? incoming : outgoing) return *relation;
+    if (outgoing || incoming) {
+        throwIllegalArgument(
+            "Wrong relation direction (source vs. target) for the given relation with ID ",
+            std::to_string(relationId), " and this kist type (", entity_.name(),
+            "). Solutions: 1) if you expect results for this kist, use the other relation "
+            "direction; 2) or, use the kist of the other relation type.");
+    }
+    throwIllegalArgument("The given relation with ID ", std::to_string(relationId),
+                         " does not include this kist type (", entity_.name(), ")");
+}
+
+void Kist::relationIds(uint32_t relationId, uint64_t id, std::vector<uint64_t>& out,
+                       bool backlink) {
+    const Relation& relation = relationWithThisSide(relationId, backlink);
+    ThreadTx tx(store_, TxMode::Read, &entity_);
+    Cursor& source = tx.cursor().cursorFor(relation.sourceEntityId());
+    source.relationCursor(relationId).findIds(id, out, backlink);
+}
+
+void Kist::backlinkIds(const Property& property, uint64_t id, std::vector<uint64_t>& out) {
+    ThreadTx tx(store_, TxMode::Read, &entity_);
+    tx.cursor().backlinkIds(property, id, out);
 }
 
 Kist& ObjectStore::kist(uint32_t entityId) {

@@ -13,6 +13,8 @@ namespace quillmere {
 
 class Entity;
 class ObjectStore;
+class Property;
+class Relation;
 
 // Kept by the store as long as it lives. Any thread.
 class Kist {
@@ -43,11 +45,22 @@ public:
     uint64_t removeMany(const std::vector<uint64_t>& ids);
     uint64_t removeAll();
 
+    // Links of a standalone relation with this entity as the source.
+    void relationPut(uint32_t relationId, uint64_t sourceId, uint64_t targetId);
+    bool relationRemove(uint32_t relationId, uint64_t sourceId, uint64_t targetId);
+    // Appends the targets of `id` or, with `backlink`, its sources. This entity must be on the side
+    // of `id`, else IllegalArgumentException.
+    void relationIds(uint32_t relationId, uint64_t id, std::vector<uint64_t>& out, bool backlink);
+    // Appends the objects that refer to `id` by a to-one relation.
+    void backlinkIds(const Property& property, uint64_t id, std::vector<uint64_t>& out);
+
     ObjectStore& store() const { return store_; }
     const Entity& entity() const { return entity_; }
     EntityState& entityState() const { return entityState_; }
 
 private:
+    const Relation& relationWithThisSide(uint32_t relationId, bool backlink) const;
+
     ObjectStore& store_;
     const Entity& entity_;
     EntityState& entityState_;

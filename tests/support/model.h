@@ -36,6 +36,23 @@ public:
     TestModel& idProperty(uint32_t extraFlags = 0) {
         return property("id", QMRPropertyType_Long, 1, QMRPropertyFlags_ID | extraFlags);
     }
+    TestModel& indexed(const char* name, uint32_t type, uint32_t id, uint32_t indexId,
+                       uint32_t flags = 0) {
+        property(name, type, id, QMRPropertyFlags_INDEXED | flags);
+        qmr_model_property_index_id(model_, indexId, indexUid(indexId));
+        return *this;
+    }
+    TestModel& toOne(const char* name, const char* target, uint32_t id, uint32_t indexId) {
+        property(name, QMRPropertyType_Relation, id,
+                 QMRPropertyFlags_INDEXED | QMRPropertyFlags_INDEX_SKIP_ZERO);
+        qmr_model_property_relation(model_, target, indexId, indexUid(indexId));
+        return *this;
+    }
+    TestModel& relation(uint32_t id, uint32_t targetEntityId) {
+        lastRelationId_ = std::max(lastRelationId_, id);
+        qmr_model_relation(model_, id, relationUid(id), targetEntityId, entityUid(targetEntityId));
+        return *this;
+    }
     // For elements that the model had once.
     TestModel& lastPropertyId(uint32_t id) {
         lastPropertyId_ = std::max(lastPropertyId_, id);
@@ -50,11 +67,20 @@ public:
     QMR_model* release() {
         finishEntity();
         qmr_model_last_entity_id(model_, lastEntityId_, entityUid(lastEntityId_));
+        if (lastIndexId_) qmr_model_last_index_id(model_, lastIndexId_, indexUid(lastIndexId_));
+        if (lastRelationId_) {
+            qmr_model_last_relation_id(model_, lastRelationId_, relationUid(lastRelationId_));
+        }
         return std::exchange(model_, nullptr);
     }
 
 private:
     static uint64_t entityUid(uint32_t id) { return 1000 + id; }
+    static uint64_t relationUid(uint32_t id) { return 500 + id; }
+    uint64_t indexUid(uint32_t id) {
+        lastIndexId_ = std::max(lastIndexId_, id);
+        return 700 + id;
+    }
     uint64_t propertyUid(uint32_t id) const { return entityUid(entityId_) * 1000 + id; }
 
     void finishEntity() {
@@ -66,6 +92,8 @@ private:
     uint32_t entityId_ = 0;
     uint32_t lastEntityId_ = 0;
     uint32_t lastPropertyId_ = 0;
+    uint32_t lastIndexId_ = 0;
+    uint32_t lastRelationId_ = 0;
 };
 
 }  // namespace quillmere
