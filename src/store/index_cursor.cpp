@@ -301,7 +301,7 @@ void IndexCursor::replaceHolder(uint64_t holder, Cursor& cursor) {
 // --- look-ups of numbers and hashes --------------------------------------------------------------
 
 // Of the entry under the cursor, which must have the size of a scalar one.
-uint64_t IndexCursor::idOfScalarEntry() const {
+inline uint64_t IndexCursor::idOfScalarEntry() const {
     const Bytes& key = kv_.key();
     const size_t idPlace = kPrefixSize + valueSize_;
     if (key.size() == idPlace + kShortIdSize) return loadBig<uint32_t>(key.data() + idPlace);
@@ -309,11 +309,22 @@ uint64_t IndexCursor::idOfScalarEntry() const {
     throwEntrySize(key.size());
 }
 
+// The prefix need not be compared: the cursor does not leave its partition.
+template <std::unsigned_integral T>
+inline bool IndexCursor::hasValue(T value) const {
+    const Bytes& key = kv_.key();
+    return key.size() >= kPrefixSize + sizeof(T) && loadBig<T>(key.data() + kPrefixSize) == value;
+}
+
 template <class Visit>
 void IndexCursor::visitScalar(uint64_t value, Visit&& visit) {
-    const size_t searchSize = setScalar(value);
-    bool found = kv_.seekOrNext(keyBuffer_.data(), searchSize);
-    while (found && hasSearched(searchSize) && visit(idOfScalarEntry())) found = kv_.next();
+    bool found = kv_.seekOrNext(keyBuffer_.data(), setScalar(value));
+    if (valueSize_ == sizeof(uint32_t)) {
+        const auto shortValue = static_cast<uint32_t>(value);
+        while (found && hasValue(shortValue) && visit(idOfScalarEntry())) found = kv_.next();
+    } else {
+        while (found && hasValue(value) && visit(idOfScalarEntry())) found = kv_.next();
+    }
 }
 
 // Whether the entry under the cursor starts with what was searched for.
