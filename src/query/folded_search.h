@@ -7,8 +7,8 @@
 
 namespace quillmere {
 
-// Finds one text in many others, with the ASCII letters folded. What depends on the text alone is settled at construction; a
-// search allocates nothing.
+// Finds one text in many others, with the ASCII letters folded. What depends on the text alone is
+// settled at construction; a search allocates nothing.
 class FoldedSearch {
 public:
     explicit FoldedSearch(std::string_view text);

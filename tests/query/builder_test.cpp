@@ -75,7 +75,8 @@ TEST_F(BuilderTest, NumbersThatDoNotFitAreRefused) {
         " can not be cast to the target type because it would result in ";
     EXPECT_EQ(overflow("Byte", equalTo(128)),
               std::string("Numeric overflow: 128") + kMiddle + "-128");
-    EXPECT_EQ(overflow("UByte", equalTo(-1)), std::string("Numeric overflow: -1") + kMiddle + "255");
+    EXPECT_EQ(overflow("UByte", equalTo(-1)),
+              std::string("Numeric overflow: -1") + kMiddle + "255");
     EXPECT_EQ(overflow("CharVector", equalTo(1 << 16)),
               std::string("Numeric overflow: 65536") + kMiddle + "0");
     EXPECT_EQ(overflow("UInt", equalTo(1ll << 32)),
@@ -130,8 +131,8 @@ TEST_F(BuilderTest, ARelationCountNeedsARelationToTheEntity) {
     QueryBuilder parts(*parts_, schema_, true, 0);
     EXPECT_EQ(messageOf<IllegalArgumentException>(
                   [&] { parts.relationCount(partProperty("thing"), 1); }),
-              "Illegal query condition: for relation counts, the given property (thing) must target "
-              "the queries type but does not.");
+              "Illegal query condition: for relation counts, the given property (thing) must "
+              "target the queries type but does not.");
 }
 
 TEST_F(BuilderTest, AConditionOnAnotherEntityIsRefused) {
@@ -166,7 +167,8 @@ TEST_F(BuilderTest, WhatIsNotCombinedIsAllRequired) {
     b.any({&a});
     b.notNull(property("Byte"));
     const auto query = b.build();
-    EXPECT_EQ(query->describeParameters(), "(Long is null\n AND (Int == 1)\n AND Byte is not null)");
+    EXPECT_EQ(query->describeParameters(),
+              "(Long is null\n AND (Int == 1)\n AND Byte is not null)");
     // What is left is an empty builder.
     EXPECT_TRUE(b.allConditions().empty());
     EXPECT_EQ(b.build()->describeParameters(), "TRUE");
@@ -216,7 +218,8 @@ TEST_F(BuilderTest, ContainsOnStringVectorsIsAnOldNameOfContainsElement) {
 TEST_F(BuilderTest, AnIntegerOnAFloatComparesAsADouble) {
     QueryBuilder b = makeBuilder();
     const int64_t large = (1ll << 53) + 1;
-    EXPECT_FALSE(check(b.greater(property("Double"), large, false), {{"Double", std::ldexp(1, 53)}}));
+    const double rounded = std::ldexp(1, 53);
+    EXPECT_FALSE(check(b.greater(property("Double"), large, false), {{"Double", rounded}}));
     EXPECT_TRUE(check(b.between(property("Float"), int64_t{3}, int64_t{1}), {{"Float", 2.5}}));
 }
 

@@ -576,8 +576,9 @@ TEST_F(ConditionTest, AnOperationThatTextHasNotIsRefused) {
 
 TEST_F(ConditionTest, ACheckAllocatesNothing) {
     const std::string text(100, 'x');
-    const ObjectBytes object = makeObjectOf(
-        *things_, 1, {{"Int", int64_t{5}}, {"String", text}, {"IntVector", std::vector<int64_t>{1}}});
+    const Values values = {
+        {"Int", int64_t{5}}, {"String", text}, {"IntVector", std::vector<int64_t>{1}}};
+    const ObjectBytes object = makeObjectOf(*things_, 1, values);
     QueryBuilder b = makeBuilder();
     const std::string upper(100, 'X');
     const std::vector<QueryCondition*> conditions = {
@@ -609,7 +610,8 @@ TEST_F(ConditionTest, DescriptionsTellTheValues) {
     EXPECT_EQ(text(b.startsWith(property("String"), "a", true)), "String starts with \"a\"");
     EXPECT_EQ(text(b.endsWith(property("String"), "a", false)), "String ends with(i) \"a\"");
     EXPECT_EQ(text(b.in(property("String"), Strings{"b", "A"}, true)), "String in [\"A\", \"b\"]");
-    EXPECT_EQ(text(b.in(property("String"), Strings{"b", "A"}, false)), "String in(i) [\"a\", \"b\"]");
+    EXPECT_EQ(text(b.in(property("String"), Strings{"b", "A"}, false)),
+              "String in(i) [\"a\", \"b\"]");
     EXPECT_EQ(text(b.in(property("Int"), std::vector<int32_t>{7, -1}, false)), "Int in [-1|7]");
     EXPECT_EQ(text(b.in(property("Int"), std::vector<int32_t>{7}, true)), "Int not in [7]");
     EXPECT_EQ(text(b.equalBytes(property("ByteVector"), "abcdefghijklmnopqrstuvwxyz", 26)),

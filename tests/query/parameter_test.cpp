@@ -134,7 +134,8 @@ TEST_F(ParameterTest, ANumberThatTheTypeCanNotHoldIsRefused) {
     const std::string middle = " can not be cast to the target type because it would result in ";
     const auto set = [](auto value) { return [value](auto& c) { setNumberParam(c, value); }; };
     QueryCondition& byte = b.equal(property("Byte"), 1);
-    EXPECT_EQ(failureOf<Overflow>(byte, set(int64_t{200})), "Numeric overflow: 200" + middle + "-56");
+    EXPECT_EQ(failureOf<Overflow>(byte, set(int64_t{200})),
+              "Numeric overflow: 200" + middle + "-56");
     EXPECT_EQ(failureOf<Overflow>(byte, set(2.5)), "Numeric overflow: 2.500000" + middle + "2");
     EXPECT_EQ(failureOf<Overflow>(byte, set(1e300)).substr(0, 17), "Numeric overflow:");
     EXPECT_EQ(failureOf<Overflow>(byte, set(std::numeric_limits<double>::quiet_NaN())),
