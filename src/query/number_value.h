@@ -82,15 +82,16 @@ Target exactCast(Source value) {
     using Integer = std::conditional_t<std::integral<Target>, Target, Source>;
     using Float = std::conditional_t<std::integral<Target>, Source, Target>;
     // The integers end below this power of two, which every float can hold.
-    constexpr Float kEnd = Float{2} * static_cast<Float>(std::numeric_limits<Integer>::max() / 2 + 1);
-    constexpr Float kStart = static_cast<Float>(std::numeric_limits<Integer>::min());
+    using Limits = std::numeric_limits<Integer>;
+    constexpr Float kEnd = Float{2} * static_cast<Float>(Limits::max() / 2 + 1);
+    constexpr Float kStart = static_cast<Float>(Limits::min());
 
     const auto asFloat = static_cast<Float>(value);
     Integer asInteger = 0;  // also of a NaN
     if (asFloat >= kEnd) {
-        asInteger = std::numeric_limits<Integer>::max();
+        asInteger = Limits::max();
     } else if (asFloat <= kStart) {
-        asInteger = std::numeric_limits<Integer>::min();
+        asInteger = Limits::min();
     } else if (asFloat == asFloat) {
         asInteger = static_cast<Integer>(asFloat);
     }
