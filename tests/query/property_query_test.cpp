@@ -181,6 +181,15 @@ TEST_F(PropertyQueries, CountsSkipNullsAndFoldCaseWhenAsked) {
                 ElementsAre("b", "A", "a", ""));
 }
 
+TEST_F(PropertyQueries, CountsManyDistinctValues) {
+    for (int32_t i = 0; i < 5000; ++i) put(static_cast<uint64_t>(i) + 1, {{kInt, i % 3000 << 12}});
+    everything();
+    EXPECT_EQ(3000u, of(kInt).countDistinct(objects()));
+    const auto values = of(kInt).findScalars<int32_t>(objects(), true, nullptr);
+    EXPECT_EQ(3000u, values.size());
+    EXPECT_EQ(2999 << 12, values.back());
+}
+
 TEST_F(PropertyQueries, FindsOneTextOrFails) {
     put(1);
     put(2, {{kText, "a"}});
