@@ -82,6 +82,7 @@ typedef int32_t qmr_err;        /* a result or error code, below */
 typedef uint64_t qmr_id;        /* of an object; neither 0 nor all ones */
 typedef uint32_t qmr_schema_id; /* of an entity, property, index or relation; not 0 */
 typedef uint64_t qmr_uid;       /* random, follows a schema element through renames; not 0 */
+typedef int32_t qmr_qb_cond;    /* of a condition within its query builder; from 1 on */
 
 typedef struct QMR_store QMR_store;
 typedef struct QMR_weak_store QMR_weak_store;
@@ -91,6 +92,9 @@ typedef struct QMR_txn QMR_txn;
 typedef struct QMR_cursor QMR_cursor;
 typedef struct QMR_kist QMR_kist;
 typedef struct QMR_observer QMR_observer;
+typedef struct QMR_query_builder QMR_query_builder;
+typedef struct QMR_query QMR_query;
+typedef struct QMR_query_prop QMR_query_prop;
 typedef struct QMR_bytes_lazy QMR_bytes_lazy;
 
 /* ------------------------------------------------------------------------------------------------
@@ -226,7 +230,8 @@ typedef struct {
     size_t size;
 } QMR_bytes;
 
-/* The array is owned, the bytes of its elements are not (convention 5). */
+/* The array is owned, the bytes of its elements are not (convention 5), except where a function
+ * says that they are copies: those live as long as the array. */
 typedef struct {
     QMR_bytes* bytes;
     size_t count;
@@ -800,6 +805,338 @@ QMR_API qmr_err qmr_kist_ts_min_max(QMR_kist* kist, qmr_id* out_min_id, int64_t*
 QMR_API qmr_err qmr_kist_ts_min_max_range(QMR_kist* kist, int64_t range_begin, int64_t range_end,
                                           qmr_id* out_min_id, int64_t* out_min_value,
                                           qmr_id* out_max_id, int64_t* out_max_value);
+
+/* ------------------------------------------------------------------------------------------------
+ * Query builder: collects the conditions, links and orderings of one query.
+ *
+ *     QMR_query_builder* builder = qmr_query_builder(store, 1);
+ *     qmr_qb_cond a = qmr_qb_starts_with_string(builder, 2, "Jo", true);
+ *     qmr_qb_cond b = qmr_qb_greater_than_int(builder, 3, 18);
+ *     qmr_qb_cond either[] = {a, b};
+ *     qmr_qb_any(builder, either, 2);                 // without it: all conditions
+ *     qmr_qb_order(builder, 2, 0);
+ *     QMR_query* query = qmr_query(builder);          // null if any of the calls failed
+ *     qmr_qb_close(builder);
+ *
+ * Calls need no checks in between: the first failure stays on the builder, later calls do nothing,
+ * and qmr_query reports it. A failure on the builder of a link, at any depth, counts for all the
+ * builders above it. Functions that add a condition give its ID, 0 on failure. Builders, also those
+ * of links, may be closed in any order, and before the query. All values are copied.
+ * --------------------------------------------------------------------------------------------- */
+
+typedef enum {
+    QMROrderFlags_DESCENDING = 1,
+    QMROrderFlags_CASE_SENSITIVE = 2, /* of strings */
+    QMROrderFlags_UNSIGNED = 4,       /* of integers */
+    QMROrderFlags_NULLS_LAST = 8,     /* first by default */
+    QMROrderFlags_NULLS_ZERO = 16     /* null scalars sort like 0 */
+} QMROrderFlags;
+
+QMR_API QMR_query_builder* qmr_query_builder(QMR_store* store, qmr_schema_id entity_id);
+QMR_API qmr_err qmr_qb_close(QMR_query_builder* builder);
+/* The ID of the builder's entity. */
+QMR_API qmr_schema_id qmr_qb_type_id(QMR_query_builder* builder);
+/* The failure that stays; 0 and an empty text if there is none, and null for a null builder. Links
+ * that could not be made leave a code without a text. The text is valid until the next call on the
+ * builder or on one of its links. */
+QMR_API qmr_err qmr_qb_error_code(QMR_query_builder* builder);
+QMR_API const char* qmr_qb_error_message(QMR_query_builder* builder);
+/* Names the condition added last, which must be one on a property, for qmr_query_param_alias_*.
+ * Aliases must be unique within a query and its links. */
+QMR_API qmr_err qmr_qb_param_alias(QMR_query_builder* builder, const char* alias);
+
+/* Combine conditions into one. A condition can be combined once. */
+QMR_API qmr_qb_cond qmr_qb_all(QMR_query_builder* builder, const qmr_qb_cond conditions[],
+                               size_t count);
+QMR_API qmr_qb_cond qmr_qb_any(QMR_query_builder* builder, const qmr_qb_cond conditions[],
+                               size_t count);
+
+QMR_API qmr_qb_cond qmr_qb_null(QMR_query_builder* builder, qmr_schema_id property_id);
+QMR_API qmr_qb_cond qmr_qb_not_null(QMR_query_builder* builder, qmr_schema_id property_id);
+
+/* Integers, booleans (0 and 1), dates and relations, and vectors of integers, of which one element
+ * must match. A value that the property can not have gives QMR_ERROR_NUMERIC_OVERFLOW. */
+QMR_API qmr_qb_cond qmr_qb_equals_int(QMR_query_builder* builder, qmr_schema_id property_id,
+                                      int64_t value);
+QMR_API qmr_qb_cond qmr_qb_not_equals_int(QMR_query_builder* builder, qmr_schema_id property_id,
+                                          int64_t value);
+QMR_API qmr_qb_cond qmr_qb_greater_than_int(QMR_query_builder* builder, qmr_schema_id property_id,
+                                            int64_t value);
+QMR_API qmr_qb_cond qmr_qb_greater_or_equal_int(QMR_query_builder* builder,
+                                                qmr_schema_id property_id, int64_t value);
+QMR_API qmr_qb_cond qmr_qb_less_than_int(QMR_query_builder* builder, qmr_schema_id property_id,
+                                         int64_t value);
+QMR_API qmr_qb_cond qmr_qb_less_or_equal_int(QMR_query_builder* builder, qmr_schema_id property_id,
+                                             int64_t value);
+/* Both ends belong to the range; their order does not matter. */
+QMR_API qmr_qb_cond qmr_qb_between_2ints(QMR_query_builder* builder, qmr_schema_id property_id,
+                                         int64_t value_a, int64_t value_b);
+/* For properties of 32 bits (Int), and of 64 bits. `values` is not null, also for no values. */
+QMR_API qmr_qb_cond qmr_qb_in_int32s(QMR_query_builder* builder, qmr_schema_id property_id,
+                                     const int32_t values[], size_t count);
+QMR_API qmr_qb_cond qmr_qb_not_in_int32s(QMR_query_builder* builder, qmr_schema_id property_id,
+                                         const int32_t values[], size_t count);
+QMR_API qmr_qb_cond qmr_qb_in_int64s(QMR_query_builder* builder, qmr_schema_id property_id,
+                                     const int64_t values[], size_t count);
+QMR_API qmr_qb_cond qmr_qb_not_in_int64s(QMR_query_builder* builder, qmr_schema_id property_id,
+                                         const int64_t values[], size_t count);
+
+/* Floats and doubles, and vectors of them. */
+QMR_API qmr_qb_cond qmr_qb_greater_than_double(QMR_query_builder* builder,
+                                               qmr_schema_id property_id, double value);
+QMR_API qmr_qb_cond qmr_qb_greater_or_equal_double(QMR_query_builder* builder,
+                                                   qmr_schema_id property_id, double value);
+QMR_API qmr_qb_cond qmr_qb_less_than_double(QMR_query_builder* builder, qmr_schema_id property_id,
+                                            double value);
+QMR_API qmr_qb_cond qmr_qb_less_or_equal_double(QMR_query_builder* builder,
+                                                qmr_schema_id property_id, double value);
+QMR_API qmr_qb_cond qmr_qb_between_2doubles(QMR_query_builder* builder, qmr_schema_id property_id,
+                                            double value_a, double value_b);
+
+/* Strings and byte vectors. Without `case_sensitive`, the letters A to Z equal a to z. */
+QMR_API qmr_qb_cond qmr_qb_equals_string(QMR_query_builder* builder, qmr_schema_id property_id,
+                                         const char* value, bool case_sensitive);
+QMR_API qmr_qb_cond qmr_qb_not_equals_string(QMR_query_builder* builder, qmr_schema_id property_id,
+                                             const char* value, bool case_sensitive);
+QMR_API qmr_qb_cond qmr_qb_contains_string(QMR_query_builder* builder, qmr_schema_id property_id,
+                                           const char* value, bool case_sensitive);
+QMR_API qmr_qb_cond qmr_qb_starts_with_string(QMR_query_builder* builder, qmr_schema_id property_id,
+                                              const char* value, bool case_sensitive);
+QMR_API qmr_qb_cond qmr_qb_ends_with_string(QMR_query_builder* builder, qmr_schema_id property_id,
+                                            const char* value, bool case_sensitive);
+QMR_API qmr_qb_cond qmr_qb_greater_than_string(QMR_query_builder* builder,
+                                               qmr_schema_id property_id, const char* value,
+                                               bool case_sensitive);
+QMR_API qmr_qb_cond qmr_qb_greater_or_equal_string(QMR_query_builder* builder,
+                                                   qmr_schema_id property_id, const char* value,
+                                                   bool case_sensitive);
+QMR_API qmr_qb_cond qmr_qb_less_than_string(QMR_query_builder* builder, qmr_schema_id property_id,
+                                            const char* value, bool case_sensitive);
+QMR_API qmr_qb_cond qmr_qb_less_or_equal_string(QMR_query_builder* builder,
+                                                qmr_schema_id property_id, const char* value,
+                                                bool case_sensitive);
+/* An element of a vector of strings, or in a Flex value. The first form also takes a String. */
+QMR_API qmr_qb_cond qmr_qb_any_equals_string(QMR_query_builder* builder, qmr_schema_id property_id,
+                                             const char* value, bool case_sensitive);
+QMR_API qmr_qb_cond qmr_qb_contains_element_string(QMR_query_builder* builder,
+                                                   qmr_schema_id property_id, const char* value,
+                                                   bool case_sensitive);
+/* An entry of the map in a Flex value. */
+QMR_API qmr_qb_cond qmr_qb_contains_key_value_string(QMR_query_builder* builder,
+                                                     qmr_schema_id property_id, const char* key,
+                                                     const char* value, bool case_sensitive);
+/* Neither `values` nor one of its elements is null. */
+QMR_API qmr_qb_cond qmr_qb_in_strings(QMR_query_builder* builder, qmr_schema_id property_id,
+                                      const char* const values[], size_t count,
+                                      bool case_sensitive);
+
+/* Byte vectors. `value` may be null for size 0. */
+QMR_API qmr_qb_cond qmr_qb_equals_bytes(QMR_query_builder* builder, qmr_schema_id property_id,
+                                        const void* value, size_t size);
+QMR_API qmr_qb_cond qmr_qb_greater_than_bytes(QMR_query_builder* builder, qmr_schema_id property_id,
+                                              const void* value, size_t size);
+QMR_API qmr_qb_cond qmr_qb_greater_or_equal_bytes(QMR_query_builder* builder,
+                                                  qmr_schema_id property_id, const void* value,
+                                                  size_t size);
+QMR_API qmr_qb_cond qmr_qb_less_than_bytes(QMR_query_builder* builder, qmr_schema_id property_id,
+                                           const void* value, size_t size);
+QMR_API qmr_qb_cond qmr_qb_less_or_equal_bytes(QMR_query_builder* builder,
+                                               qmr_schema_id property_id, const void* value,
+                                               size_t size);
+
+/* Objects to which exactly that many others refer by a to-one relation, which is the property of an
+ * entity and targets this builder's. */
+QMR_API qmr_qb_cond qmr_qb_relation_count_property(QMR_query_builder* builder,
+                                                   qmr_schema_id relation_entity_id,
+                                                   qmr_schema_id relation_property_id,
+                                                   int32_t relation_count);
+
+/* QMROrderFlags. The first call is the primary key. On a builder with a failure: its code. */
+QMR_API qmr_err qmr_qb_order(QMR_query_builder* builder, qmr_schema_id property_id,
+                             uint32_t flags);
+
+/* Restrict the query to objects that are linked to a match of the builder given back, which is one
+ * for the other entity: by a to-one relation, by a standalone relation, or against either. Close
+ * it as any other; it takes no calls any more once the query was built. */
+QMR_API QMR_query_builder* qmr_qb_link_property(QMR_query_builder* builder,
+                                                qmr_schema_id property_id);
+QMR_API QMR_query_builder* qmr_qb_backlink_property(QMR_query_builder* builder,
+                                                    qmr_schema_id source_entity_id,
+                                                    qmr_schema_id source_property_id);
+QMR_API QMR_query_builder* qmr_qb_link_standalone(QMR_query_builder* builder,
+                                                  qmr_schema_id relation_id);
+QMR_API QMR_query_builder* qmr_qb_backlink_standalone(QMR_query_builder* builder,
+                                                      qmr_schema_id relation_id);
+/* Time series are a feature of their own: fails where the build lacks it. */
+QMR_API QMR_query_builder* qmr_qb_link_time(QMR_query_builder* builder,
+                                            qmr_schema_id linked_entity_id,
+                                            qmr_schema_id begin_property_id,
+                                            qmr_schema_id end_property_id);
+
+/* ------------------------------------------------------------------------------------------------
+ * Query: built once, run often, with values that can be changed. Used by one thread at a time; a
+ * clone is independent. Each run joins the transaction of the thread or makes one of its own, or
+ * uses a cursor of the query's entity, and with it the cursor's transaction. Once the store has
+ * closed only qmr_query_describe and the closing are left.
+ *
+ * Object bytes that a run gives out are the store's own memory inside a transaction of the thread
+ * (convention 5), and copies without one: those of an array live as long as the array, and those
+ * of qmr_query_find_first and _unique until the next such call on the query or its close.
+ * --------------------------------------------------------------------------------------------- */
+
+/* Takes the builder's content; what is left is an empty builder. Null for a builder with a failure,
+ * which becomes the last error. */
+QMR_API QMR_query* qmr_query(QMR_query_builder* builder);
+/* With the same values, offset and limit. */
+QMR_API QMR_query* qmr_query_clone(QMR_query* query);
+QMR_API qmr_err qmr_query_close(QMR_query* query);
+
+/* For all runs from now on. Limit 0: none. */
+QMR_API qmr_err qmr_query_offset(QMR_query* query, uint64_t offset);
+QMR_API qmr_err qmr_query_limit(QMR_query* query, uint64_t limit);
+QMR_API qmr_err qmr_query_offset_limit(QMR_query* query, uint64_t offset, uint64_t limit);
+
+/* Counts up to the limit. Fails with an offset. */
+QMR_API qmr_err qmr_query_count(QMR_query* query, uint64_t* out_count);
+QMR_API qmr_err qmr_query_cursor_count(QMR_query* query, QMR_cursor* cursor, uint64_t* out_count);
+QMR_API QMR_bytes_array* qmr_query_find(QMR_query* query);
+QMR_API QMR_bytes_array* qmr_query_cursor_find(QMR_query* query, QMR_cursor* cursor);
+QMR_API QMR_id_array* qmr_query_find_ids(QMR_query* query);
+QMR_API QMR_id_array* qmr_query_cursor_find_ids(QMR_query* query, QMR_cursor* cursor);
+/* QMR_NOT_FOUND without a match. The second form ignores the order and gives
+ * QMR_ERROR_NON_UNIQUE_RESULT for several matches. Both ignore offset and limit. */
+QMR_API qmr_err qmr_query_find_first(QMR_query* query, const void** data, size_t* size);
+QMR_API qmr_err qmr_query_find_unique(QMR_query* query, const void** data, size_t* size);
+/* The best score first; empty for a query whose conditions give no scores. */
+QMR_API QMR_id_array* qmr_query_find_ids_by_score(QMR_query* query);
+QMR_API QMR_id_score_array* qmr_query_find_ids_with_scores(QMR_query* query);
+QMR_API QMR_bytes_score_array* qmr_query_find_with_scores(QMR_query* query);
+
+/* False ends the visit. The bytes are valid during the call, which comes from the visiting
+ * thread. */
+typedef bool QMR_data_score_visitor(const void* data, size_t size, double score, void* user_data);
+
+/* As with the finds, but without an array. A visitor must not close the query. */
+QMR_API qmr_err qmr_query_visit(QMR_query* query, QMR_data_visitor* visitor, void* user_data);
+QMR_API qmr_err qmr_query_cursor_visit(QMR_query* query, QMR_cursor* cursor,
+                                       QMR_data_visitor* visitor, void* user_data);
+QMR_API qmr_err qmr_query_visit_with_score(QMR_query* query, QMR_data_score_visitor* visitor,
+                                           void* user_data);
+
+/* Removes the matches. Fails with an offset or a limit. `out_count` is optional. */
+QMR_API qmr_err qmr_query_remove(QMR_query* query, uint64_t* out_count);
+QMR_API qmr_err qmr_query_cursor_remove(QMR_query* query, QMR_cursor* cursor,
+                                        uint64_t* out_count);
+
+/* Entity, properties and links; conditions with their values. Valid until the next such call on the
+ * query or its close. */
+QMR_API const char* qmr_query_describe(QMR_query* query);
+QMR_API const char* qmr_query_describe_params(QMR_query* query);
+
+/* Change the value of a condition, also of one in a link. It is told by its property, and if
+ * several have that property the first one is meant, or by its alias. Entity ID 0 means the query's
+ * own entity, and fails if the query has links. No value is null, also not an empty array. The
+ * type must fit: a string set takes `strings`, a key with its value `2strings`, a range `2ints` or
+ * `2doubles`. */
+
+QMR_API qmr_err qmr_query_param_string(QMR_query* query, qmr_schema_id entity_id,
+                                       qmr_schema_id property_id, const char* value);
+QMR_API qmr_err qmr_query_param_2strings(QMR_query* query, qmr_schema_id entity_id,
+                                         qmr_schema_id property_id, const char* value,
+                                         const char* value2);
+QMR_API qmr_err qmr_query_param_strings(QMR_query* query, qmr_schema_id entity_id,
+                                        qmr_schema_id property_id, const char* const values[],
+                                        size_t count);
+QMR_API qmr_err qmr_query_param_int(QMR_query* query, qmr_schema_id entity_id,
+                                    qmr_schema_id property_id, int64_t value);
+QMR_API qmr_err qmr_query_param_2ints(QMR_query* query, qmr_schema_id entity_id,
+                                      qmr_schema_id property_id, int64_t value_a, int64_t value_b);
+QMR_API qmr_err qmr_query_param_int32s(QMR_query* query, qmr_schema_id entity_id,
+                                       qmr_schema_id property_id, const int32_t values[],
+                                       size_t count);
+QMR_API qmr_err qmr_query_param_int64s(QMR_query* query, qmr_schema_id entity_id,
+                                       qmr_schema_id property_id, const int64_t values[],
+                                       size_t count);
+QMR_API qmr_err qmr_query_param_double(QMR_query* query, qmr_schema_id entity_id,
+                                       qmr_schema_id property_id, double value);
+QMR_API qmr_err qmr_query_param_2doubles(QMR_query* query, qmr_schema_id entity_id,
+                                         qmr_schema_id property_id, double value_a, double value_b);
+QMR_API qmr_err qmr_query_param_bytes(QMR_query* query, qmr_schema_id entity_id,
+                                      qmr_schema_id property_id, const void* value, size_t size);
+
+QMR_API qmr_err qmr_query_param_alias_string(QMR_query* query, const char* alias,
+                                             const char* value);
+QMR_API qmr_err qmr_query_param_alias_2strings(QMR_query* query, const char* alias,
+                                               const char* value, const char* value2);
+QMR_API qmr_err qmr_query_param_alias_strings(QMR_query* query, const char* alias,
+                                              const char* const values[], size_t count);
+QMR_API qmr_err qmr_query_param_alias_int(QMR_query* query, const char* alias, int64_t value);
+QMR_API qmr_err qmr_query_param_alias_2ints(QMR_query* query, const char* alias, int64_t value_a,
+                                            int64_t value_b);
+QMR_API qmr_err qmr_query_param_alias_int32s(QMR_query* query, const char* alias,
+                                             const int32_t values[], size_t count);
+QMR_API qmr_err qmr_query_param_alias_int64s(QMR_query* query, const char* alias,
+                                             const int64_t values[], size_t count);
+QMR_API qmr_err qmr_query_param_alias_double(QMR_query* query, const char* alias, double value);
+QMR_API qmr_err qmr_query_param_alias_2doubles(QMR_query* query, const char* alias, double value_a,
+                                               double value_b);
+QMR_API qmr_err qmr_query_param_alias_bytes(QMR_query* query, const char* alias, const void* value,
+                                            size_t size);
+
+/* The size of a value of the condition's property in bytes, 0 for a type of variable length. */
+QMR_API size_t qmr_query_param_get_type_size(QMR_query* query, qmr_schema_id entity_id,
+                                             qmr_schema_id property_id);
+QMR_API size_t qmr_query_param_alias_get_type_size(QMR_query* query, const char* alias);
+
+/* ------------------------------------------------------------------------------------------------
+ * Property query: the values of one property over all matches of a query, without regard to its
+ * offset and limit. Nulls are left out unless a replacement is given. The query may be closed
+ * before; until then it shares its values with the property query. Threads and transactions as with
+ * queries.
+ * --------------------------------------------------------------------------------------------- */
+
+QMR_API QMR_query_prop* qmr_query_prop(QMR_query* query, qmr_schema_id property_id);
+QMR_API qmr_err qmr_query_prop_close(QMR_query_prop* prop);
+/* Whether equal values count once; false at the start. */
+QMR_API qmr_err qmr_query_prop_distinct(QMR_query_prop* prop, bool distinct);
+/* The same for strings, with the choice of what is equal: case-sensitive at the start. */
+QMR_API qmr_err qmr_query_prop_distinct_case(QMR_query_prop* prop, bool distinct,
+                                             bool case_sensitive);
+QMR_API qmr_err qmr_query_prop_count(QMR_query_prop* prop, uint64_t* out_count);
+
+/* `out_count`, optional, is the number of values that went in, -1 if there are some but they were
+ * not counted. Not with distinct. Minimum and maximum are of floats and doubles; without values
+ * they, and the average, are NaN. */
+QMR_API qmr_err qmr_query_prop_avg(QMR_query_prop* prop, double* out_average, int64_t* out_count);
+QMR_API qmr_err qmr_query_prop_sum(QMR_query_prop* prop, double* out_sum, int64_t* out_count);
+QMR_API qmr_err qmr_query_prop_min(QMR_query_prop* prop, double* out_minimum, int64_t* out_count);
+QMR_API qmr_err qmr_query_prop_max(QMR_query_prop* prop, double* out_maximum, int64_t* out_count);
+/* Of integers; 0 without values. The average is rounded. Minimum and maximum of an unsigned 64-bit
+ * property are its bit pattern. */
+QMR_API qmr_err qmr_query_prop_avg_int(QMR_query_prop* prop, int64_t* out_average,
+                                       int64_t* out_count);
+QMR_API qmr_err qmr_query_prop_sum_int(QMR_query_prop* prop, int64_t* out_sum, int64_t* out_count);
+QMR_API qmr_err qmr_query_prop_min_int(QMR_query_prop* prop, int64_t* out_minimum,
+                                       int64_t* out_count);
+QMR_API qmr_err qmr_query_prop_max_int(QMR_query_prop* prop, int64_t* out_maximum,
+                                       int64_t* out_count);
+
+/* The values in the order of matches. `value_if_null` is optional. The width must be that of the
+ * property; booleans are 8 bits, dates and relations 64. */
+QMR_API QMR_string_array* qmr_query_prop_find_strings(QMR_query_prop* prop,
+                                                      const char* value_if_null);
+QMR_API QMR_double_array* qmr_query_prop_find_doubles(QMR_query_prop* prop,
+                                                      const double* value_if_null);
+QMR_API QMR_float_array* qmr_query_prop_find_floats(QMR_query_prop* prop,
+                                                    const float* value_if_null);
+QMR_API QMR_int64_array* qmr_query_prop_find_int64s(QMR_query_prop* prop,
+                                                    const int64_t* value_if_null);
+QMR_API QMR_int32_array* qmr_query_prop_find_int32s(QMR_query_prop* prop,
+                                                    const int32_t* value_if_null);
+QMR_API QMR_int16_array* qmr_query_prop_find_int16s(QMR_query_prop* prop,
+                                                    const int16_t* value_if_null);
+QMR_API QMR_int8_array* qmr_query_prop_find_int8s(QMR_query_prop* prop,
+                                                  const int8_t* value_if_null);
 
 /* ------------------------------------------------------------------------------------------------
  * Observers: told after each commit that changed objects, on the committing thread, one after the

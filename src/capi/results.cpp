@@ -1,5 +1,6 @@
 #include "capi/results.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -11,14 +12,18 @@ namespace quillmere {
 
 namespace {
 
-// The header of an array with room for its elements behind it.
+constexpr const char* kNoBytesArray = "Could not allocate bytes array for element size: ";
+constexpr const char* kNoIdArray = "Could not allocate ids array for element size: ";
+
+// The header of an array with room for its elements, and for data of them, behind it.
 template <class Record, class Element>
-Record* allocateArray(size_t count, const char* failure) {
+Record* allocateArray(size_t count, const char* failure, size_t dataSize = 0) {
     static_assert(sizeof(Record) % alignof(Element) == 0);
     size_t size;
     void* block = nullptr;
     if (!__builtin_mul_overflow(count, sizeof(Element), &size) &&
-        !__builtin_add_overflow(size, sizeof(Record), &size)) {
+        !__builtin_add_overflow(size, sizeof(Record), &size) &&
+        !__builtin_add_overflow(size, dataSize, &size)) {
         block = std::malloc(size);
     }
     if (!block) throwAllocation(failure, std::to_string(count));
@@ -28,6 +33,34 @@ Record* allocateArray(size_t count, const char* failure) {
 template <class Element, class Record>
 Element* elementsOf(Record* record) {
     return reinterpret_cast<Element*>(record + 1);
+}
+
+// The bytes that a copy of an object takes.
+constexpr size_t roomForCopy(size_t size) {
+    constexpr size_t kAlignment = 8;
+    return (size + kAlignment - 1) & ~(kAlignment - 1);
+}
+
+size_t sizeOf(const Bytes& object) { return object.size(); }
+size_t sizeOf(const QMR_bytes_score& object) { return object.size; }
+
+template <class Objects>
+size_t roomForCopies(const Objects& objects, ObjectData data) {
+    size_t room = 0;
+    if (data == ObjectData::Views) return room;
+    for (const auto& object : objects) room += roomForCopy(sizeOf(object));
+    return room;
+}
+
+// Copies what the elements view to the room behind them.
+template <class Element>
+void takeCopies(std::span<Element> elements) {
+    auto* room = reinterpret_cast<uint8_t*>(elements.data() + elements.size());
+    for (Element& element : elements) {
+        if (element.size != 0) std::memcpy(room, element.data, element.size);
+        element.data = room;
+        room += roomForCopy(element.size);
+    }
 }
 
 struct OwningStringArray : QMR_string_array {
@@ -43,29 +76,49 @@ void freeValueArray(Record* array) {
 }  // namespace
 
 QMR_bytes_array* makeBytesArray(size_t count) {
-    auto* const array = allocateArray<QMR_bytes_array, QMR_bytes>(
-        count, "Could not allocate bytes array for element size: ");
+    auto* const array = allocateArray<QMR_bytes_array, QMR_bytes>(count, kNoBytesArray);
     array->bytes = elementsOf<QMR_bytes>(array);
     array->count = count;
     std::memset(static_cast<void*>(array->bytes), 0, count * sizeof(QMR_bytes));
     return array;
 }
 
-QMR_bytes_array* makeBytesArray(std::span<const Bytes> objects) {
-    QMR_bytes_array* const array = makeBytesArray(objects.size());
+QMR_bytes_array* makeBytesArray(std::span<const Bytes> objects, ObjectData data) {
+    auto* const array = allocateArray<QMR_bytes_array, QMR_bytes>(
+        objects.size(), kNoBytesArray, roomForCopies(objects, data));
+    array->bytes = elementsOf<QMR_bytes>(array);
+    array->count = objects.size();
     QMR_bytes* element = array->bytes;
     for (const Bytes& object : objects) *element++ = {object.data(), object.size()};
+    if (data == ObjectData::Copies) takeCopies(std::span(array->bytes, array->count));
+    return array;
+}
+
+QMR_bytes_score_array* makeBytesScoreArray(std::span<const QMR_bytes_score> objects,
+                                           ObjectData data) {
+    auto* const array = allocateArray<QMR_bytes_score_array, QMR_bytes_score>(
+        objects.size(), kNoBytesArray, roomForCopies(objects, data));
+    array->bytes_scores = elementsOf<QMR_bytes_score>(array);
+    array->count = objects.size();
+    std::copy(objects.begin(), objects.end(), array->bytes_scores);
+    if (data == ObjectData::Copies) takeCopies(std::span(array->bytes_scores, array->count));
     return array;
 }
 
 QMR_id_array* makeIdArray(std::span<const qmr_id> ids) {
-    auto* const array = allocateArray<QMR_id_array, qmr_id>(
-        ids.size(), "Could not allocate ids array for element size: ");
+    auto* const array = allocateArray<QMR_id_array, qmr_id>(ids.size(), kNoIdArray);
     array->count = ids.size();
     if (!ids.empty()) {
         array->ids = elementsOf<qmr_id>(array);
         std::memcpy(array->ids, ids.data(), ids.size_bytes());
     }
+    return array;
+}
+
+QMR_id_score_array* makeIdScoreArray(size_t count) {
+    auto* const array = allocateArray<QMR_id_score_array, QMR_id_score>(count, kNoIdArray);
+    array->ids_scores = elementsOf<QMR_id_score>(array);
+    array->count = count;
     return array;
 }
 

@@ -26,9 +26,17 @@ namespace quillmere {
 
 // Elements that are all null.
 QMR_bytes_array* makeBytesArray(size_t count);
-// Elements that view what the given ones view.
-QMR_bytes_array* makeBytesArray(std::span<const Bytes> objects);
+// Whether the elements of an array point to the bytes given, or to copies behind the elements in
+// the same block, each aligned to 8 bytes.
+enum class ObjectData { Views, Copies };
+
+QMR_bytes_array* makeBytesArray(std::span<const Bytes> objects,
+                                ObjectData data = ObjectData::Views);
+QMR_bytes_score_array* makeBytesScoreArray(std::span<const QMR_bytes_score> objects,
+                                           ObjectData data);
 QMR_id_array* makeIdArray(std::span<const qmr_id> ids);
+// Elements to be filled.
+QMR_id_score_array* makeIdScoreArray(size_t count);
 QMR_string_array* makeStringArray(std::vector<std::string> strings);
 
 // A value array as it is allocated: the public record with the owner of its items behind it.

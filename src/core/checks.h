@@ -31,10 +31,11 @@ namespace quillmere::checks {
 
 // The short form of the C functions and their neighbours.
 // IllegalStateException: State condition failed: "cond" (L12)
-#define CHECK_STATE(cond)                                                                          \
+#define CHECK_STATE(cond) CHECK_STATE_SHORT_AT(__LINE__, cond, #cond)
+#define CHECK_STATE_SHORT_AT(site, cond, text)                                                     \
     do {                                                                                           \
         if (!(cond)) [[unlikely]]                                                                  \
-            ::quillmere::checks::failState(#cond, __LINE__);                                       \
+            ::quillmere::checks::failState(text, site);                                            \
     } while (false)
 
 // The long form of everything below them.

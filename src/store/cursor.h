@@ -128,7 +128,10 @@ public:
     std::mutex& mutex() { return mutex_; }
 
     const Entity* entity() const { return entity_; }
+    // REQUIRES: txAlive()
     Transaction& tx() const { return *tx_; }
+    // False once the transaction has been destroyed.
+    bool txAlive() const { return !txGone_.load(); }
 
 private:
     static void onPosition(void* context, const Bytes& key, PartitionCursor::Position position);

@@ -250,11 +250,246 @@ TEST_F(BadInput, NullModelArgumentsAreNamed) {
     });
 }
 
+// A builder keeps its first failure, so that each case has one of its own.
+TEST_F(BadInput, NullQueryBuilderArgumentsAreNamed) {
+    QMR_query_builder* const none = nullptr;
+    std::vector<BuilderPtr> builders;
+    const auto fresh = [&] {
+        builders.emplace_back(qmr_query_builder(store_.get(), kNote));
+        return builders.back().get();
+    };
+    const char* const nullStrings[] = {"a", nullptr};
+    expectNamedArguments({
+        VALUE(store, qmr_query_builder(nullptr, kNote)),
+        VALUE(builder, qmr_qb_type_id(none)),
+        STATUS(builder, qmr_qb_param_alias(none, "a")),
+        STATUS(alias, qmr_qb_param_alias(fresh(), nullptr)),
+        VALUE(builder, qmr_qb_all(none, nullptr, 0)),
+        VALUE(conditions, qmr_qb_all(fresh(), nullptr, 0)),
+        VALUE(builder, qmr_qb_any(none, nullptr, 0)),
+        VALUE(conditions, qmr_qb_any(fresh(), nullptr, 0)),
+        VALUE(builder, qmr_qb_null(none, 1)),
+        VALUE(builder, qmr_qb_not_null(none, 1)),
+        VALUE(builder, qmr_qb_equals_int(none, 1, 1)),
+        VALUE(builder, qmr_qb_not_equals_int(none, 1, 1)),
+        VALUE(builder, qmr_qb_greater_than_int(none, 1, 1)),
+        VALUE(builder, qmr_qb_greater_or_equal_int(none, 1, 1)),
+        VALUE(builder, qmr_qb_less_than_int(none, 1, 1)),
+        VALUE(builder, qmr_qb_less_or_equal_int(none, 1, 1)),
+        VALUE(builder, qmr_qb_greater_than_double(none, 1, 1)),
+        VALUE(builder, qmr_qb_greater_or_equal_double(none, 1, 1)),
+        VALUE(builder, qmr_qb_less_than_double(none, 1, 1)),
+        VALUE(builder, qmr_qb_less_or_equal_double(none, 1, 1)),
+        VALUE(builder, qmr_qb_between_2ints(none, 1, 1, 2)),
+        VALUE(builder, qmr_qb_between_2doubles(none, 1, 1, 2)),
+        VALUE(builder, qmr_qb_in_int32s(none, 1, nullptr, 0)),
+        VALUE(values, qmr_qb_in_int32s(fresh(), kNoteStars, nullptr, 0)),
+        VALUE(builder, qmr_qb_not_in_int32s(none, 1, nullptr, 0)),
+        VALUE(values, qmr_qb_not_in_int32s(fresh(), kNoteStars, nullptr, 0)),
+        VALUE(builder, qmr_qb_in_int64s(none, 1, nullptr, 0)),
+        VALUE(values, qmr_qb_in_int64s(fresh(), kNoteStars, nullptr, 0)),
+        VALUE(builder, qmr_qb_not_in_int64s(none, 1, nullptr, 0)),
+        VALUE(values, qmr_qb_not_in_int64s(fresh(), kNoteStars, nullptr, 0)),
+        VALUE(builder, qmr_qb_equals_string(none, 1, "x", true)),
+        VALUE(value, qmr_qb_equals_string(fresh(), kNoteText, nullptr, true)),
+        VALUE(builder, qmr_qb_not_equals_string(none, 1, "x", true)),
+        VALUE(value, qmr_qb_not_equals_string(fresh(), kNoteText, nullptr, true)),
+        VALUE(builder, qmr_qb_contains_string(none, 1, "x", true)),
+        VALUE(value, qmr_qb_contains_string(fresh(), kNoteText, nullptr, true)),
+        VALUE(builder, qmr_qb_starts_with_string(none, 1, "x", true)),
+        VALUE(value, qmr_qb_starts_with_string(fresh(), kNoteText, nullptr, true)),
+        VALUE(builder, qmr_qb_ends_with_string(none, 1, "x", true)),
+        VALUE(value, qmr_qb_ends_with_string(fresh(), kNoteText, nullptr, true)),
+        VALUE(builder, qmr_qb_greater_than_string(none, 1, "x", true)),
+        VALUE(value, qmr_qb_greater_than_string(fresh(), kNoteText, nullptr, true)),
+        VALUE(builder, qmr_qb_greater_or_equal_string(none, 1, "x", true)),
+        VALUE(value, qmr_qb_greater_or_equal_string(fresh(), kNoteText, nullptr, true)),
+        VALUE(builder, qmr_qb_less_than_string(none, 1, "x", true)),
+        VALUE(value, qmr_qb_less_than_string(fresh(), kNoteText, nullptr, true)),
+        VALUE(builder, qmr_qb_less_or_equal_string(none, 1, "x", true)),
+        VALUE(value, qmr_qb_less_or_equal_string(fresh(), kNoteText, nullptr, true)),
+        VALUE(builder, qmr_qb_any_equals_string(none, 1, "x", true)),
+        VALUE(value, qmr_qb_any_equals_string(fresh(), kNoteText, nullptr, true)),
+        VALUE(builder, qmr_qb_contains_element_string(none, 1, "x", true)),
+        VALUE(value, qmr_qb_contains_element_string(fresh(), kNoteText, nullptr, true)),
+        VALUE(builder, qmr_qb_contains_key_value_string(none, 1, "k", "v", true)),
+        VALUE(key, qmr_qb_contains_key_value_string(fresh(), 1, nullptr, "v", true)),
+        VALUE(value, qmr_qb_contains_key_value_string(fresh(), 1, "k", nullptr, true)),
+        VALUE(builder, qmr_qb_in_strings(none, 1, nullptr, 0, true)),
+        VALUE(values, qmr_qb_in_strings(fresh(), kNoteText, nullptr, 0, true)),
+        VALUE(values[i], qmr_qb_in_strings(fresh(), kNoteText, nullStrings, 2, true)),
+        VALUE(builder, qmr_qb_equals_bytes(none, 1, "x", 1)),
+        VALUE(value, qmr_qb_equals_bytes(fresh(), kNoteText, nullptr, 1)),
+        VALUE(builder, qmr_qb_greater_than_bytes(none, 1, "x", 1)),
+        VALUE(value, qmr_qb_greater_than_bytes(fresh(), kNoteText, nullptr, 1)),
+        VALUE(builder, qmr_qb_greater_or_equal_bytes(none, 1, "x", 1)),
+        VALUE(value, qmr_qb_greater_or_equal_bytes(fresh(), kNoteText, nullptr, 1)),
+        VALUE(builder, qmr_qb_less_than_bytes(none, 1, "x", 1)),
+        VALUE(value, qmr_qb_less_than_bytes(fresh(), kNoteText, nullptr, 1)),
+        VALUE(builder, qmr_qb_less_or_equal_bytes(none, 1, "x", 1)),
+        VALUE(value, qmr_qb_less_or_equal_bytes(fresh(), kNoteText, nullptr, 1)),
+        VALUE(builder, qmr_qb_relation_count_property(none, 1, 1, 1)),
+        STATUS(builder, qmr_qb_order(none, 1, 0)),
+        VALUE(builder, qmr_qb_link_property(none, 1)),
+        VALUE(builder, qmr_qb_backlink_property(none, 1, 1)),
+        VALUE(builder, qmr_qb_link_standalone(none, 1)),
+        VALUE(builder, qmr_qb_backlink_standalone(none, 1)),
+        VALUE(builder, qmr_qb_link_time(none, 1, 1, 1)),
+        VALUE(builder, qmr_query(none)),
+    });
+    EXPECT_EQ(QMR_SUCCESS, qmr_qb_error_code(none));
+    EXPECT_EQ(nullptr, qmr_qb_error_message(none));
+}
+
+TEST_F(BadInput, NullQueryArgumentsAreNamed) {
+    const BuilderPtr builder(qmr_query_builder(store_.get(), kNote));
+    const QueryPtr owner(qmr_query(builder.get()));
+    QMR_query* const query = owner.get();
+    QMR_query* const none = nullptr;
+    const TxnPtr txn = read();
+    const CursorPtr cursorOwner(qmr_cursor(txn.get(), kNote));
+    QMR_cursor* const cursor = cursorOwner.get();
+    const auto visitor = [](const void*, size_t, void*) { return true; };
+    const auto scores = [](const void*, size_t, double, void*) { return true; };
+    const void* data = nullptr;
+    size_t size = 0;
+    uint64_t number = 0;
+    expectNamedArguments({
+        VALUE(query, qmr_query_clone(none)),
+        STATUS(query, qmr_query_offset(none, 1)),
+        STATUS(query, qmr_query_limit(none, 1)),
+        STATUS(query, qmr_query_offset_limit(none, 1, 1)),
+        STATUS(query, qmr_query_count(none, &number)),
+        STATUS(out_count, qmr_query_count(query, nullptr)),
+        STATUS(query, qmr_query_cursor_count(none, cursor, &number)),
+        STATUS(cursor, qmr_query_cursor_count(query, nullptr, &number)),
+        STATUS(out_count, qmr_query_cursor_count(query, cursor, nullptr)),
+        VALUE(query, qmr_query_find(none)),
+        VALUE(query, qmr_query_find_ids(none)),
+        VALUE(query, qmr_query_find_ids_by_score(none)),
+        VALUE(query, qmr_query_find_ids_with_scores(none)),
+        VALUE(query, qmr_query_find_with_scores(none)),
+        VALUE(query, qmr_query_describe(none)),
+        VALUE(query, qmr_query_describe_params(none)),
+        VALUE(query, qmr_query_cursor_find(none, cursor)),
+        VALUE(cursor, qmr_query_cursor_find(query, nullptr)),
+        VALUE(query, qmr_query_cursor_find_ids(none, cursor)),
+        VALUE(cursor, qmr_query_cursor_find_ids(query, nullptr)),
+        STATUS(query, qmr_query_find_first(none, &data, &size)),
+        STATUS(data, qmr_query_find_first(query, nullptr, &size)),
+        STATUS(size, qmr_query_find_first(query, &data, nullptr)),
+        STATUS(query, qmr_query_find_unique(none, &data, &size)),
+        STATUS(data, qmr_query_find_unique(query, nullptr, &size)),
+        STATUS(size, qmr_query_find_unique(query, &data, nullptr)),
+        STATUS(query, qmr_query_visit(none, visitor, nullptr)),
+        STATUS(visitor, qmr_query_visit(query, nullptr, nullptr)),
+        STATUS(query, qmr_query_cursor_visit(none, cursor, visitor, nullptr)),
+        STATUS(cursor, qmr_query_cursor_visit(query, nullptr, visitor, nullptr)),
+        STATUS(visitor, qmr_query_cursor_visit(query, cursor, nullptr, nullptr)),
+        STATUS(query, qmr_query_visit_with_score(none, scores, nullptr)),
+        STATUS(visitor, qmr_query_visit_with_score(query, nullptr, nullptr)),
+        STATUS(query, qmr_query_remove(none, &number)),
+        STATUS(query, qmr_query_cursor_remove(none, cursor, &number)),
+        STATUS(cursor, qmr_query_cursor_remove(query, nullptr, &number)),
+        STATUS(query, qmr_query_param_string(none, 1, 1, "x")),
+        STATUS(value, qmr_query_param_string(query, 1, 1, nullptr)),
+        STATUS(query, qmr_query_param_2strings(none, 1, 1, "x", "y")),
+        STATUS(value, qmr_query_param_2strings(query, 1, 1, nullptr, "y")),
+        STATUS(value2, qmr_query_param_2strings(query, 1, 1, "x", nullptr)),
+        STATUS(query, qmr_query_param_strings(none, 1, 1, nullptr, 0)),
+        STATUS(values, qmr_query_param_strings(query, 1, 1, nullptr, 0)),
+        STATUS(query, qmr_query_param_int(none, 1, 1, 1)),
+        STATUS(query, qmr_query_param_2ints(none, 1, 1, 1, 2)),
+        STATUS(query, qmr_query_param_int32s(none, 1, 1, nullptr, 0)),
+        STATUS(values, qmr_query_param_int32s(query, 1, 1, nullptr, 0)),
+        STATUS(query, qmr_query_param_int64s(none, 1, 1, nullptr, 0)),
+        STATUS(values, qmr_query_param_int64s(query, 1, 1, nullptr, 0)),
+        STATUS(query, qmr_query_param_double(none, 1, 1, 1)),
+        STATUS(query, qmr_query_param_2doubles(none, 1, 1, 1, 2)),
+        STATUS(query, qmr_query_param_bytes(none, 1, 1, "x", 1)),
+        STATUS(value, qmr_query_param_bytes(query, 1, 1, nullptr, 0)),
+        VALUE(query, qmr_query_param_get_type_size(none, 1, 1)),
+        STATUS(query, qmr_query_param_alias_string(none, "a", "x")),
+        STATUS(alias, qmr_query_param_alias_string(query, nullptr, "x")),
+        STATUS(value, qmr_query_param_alias_string(query, "a", nullptr)),
+        STATUS(query, qmr_query_param_alias_2strings(none, "a", "x", "y")),
+        STATUS(alias, qmr_query_param_alias_2strings(query, nullptr, "x", "y")),
+        STATUS(value, qmr_query_param_alias_2strings(query, "a", nullptr, "y")),
+        STATUS(value2, qmr_query_param_alias_2strings(query, "a", "x", nullptr)),
+        STATUS(query, qmr_query_param_alias_strings(none, "a", nullptr, 0)),
+        STATUS(alias, qmr_query_param_alias_strings(query, nullptr, nullptr, 0)),
+        STATUS(values, qmr_query_param_alias_strings(query, "a", nullptr, 0)),
+        STATUS(query, qmr_query_param_alias_int(none, "a", 1)),
+        STATUS(alias, qmr_query_param_alias_int(query, nullptr, 1)),
+        STATUS(query, qmr_query_param_alias_2ints(none, "a", 1, 2)),
+        STATUS(alias, qmr_query_param_alias_2ints(query, nullptr, 1, 2)),
+        STATUS(query, qmr_query_param_alias_int32s(none, "a", nullptr, 0)),
+        STATUS(alias, qmr_query_param_alias_int32s(query, nullptr, nullptr, 0)),
+        STATUS(values, qmr_query_param_alias_int32s(query, "a", nullptr, 0)),
+        STATUS(query, qmr_query_param_alias_int64s(none, "a", nullptr, 0)),
+        STATUS(alias, qmr_query_param_alias_int64s(query, nullptr, nullptr, 0)),
+        STATUS(values, qmr_query_param_alias_int64s(query, "a", nullptr, 0)),
+        STATUS(query, qmr_query_param_alias_double(none, "a", 1)),
+        STATUS(alias, qmr_query_param_alias_double(query, nullptr, 1)),
+        STATUS(query, qmr_query_param_alias_2doubles(none, "a", 1, 2)),
+        STATUS(alias, qmr_query_param_alias_2doubles(query, nullptr, 1, 2)),
+        STATUS(query, qmr_query_param_alias_bytes(none, "a", "x", 1)),
+        STATUS(alias, qmr_query_param_alias_bytes(query, nullptr, "x", 1)),
+        STATUS(value, qmr_query_param_alias_bytes(query, "a", nullptr, 0)),
+        VALUE(query, qmr_query_param_alias_get_type_size(none, "a")),
+        VALUE(alias, qmr_query_param_alias_get_type_size(query, nullptr)),
+    });
+}
+
+TEST_F(BadInput, NullPropertyQueryArgumentsAreNamed) {
+    const BuilderPtr builder(qmr_query_builder(store_.get(), kNote));
+    const QueryPtr query(qmr_query(builder.get()));
+    const PropPtr owner(qmr_query_prop(query.get(), kNoteStars));
+    QMR_query_prop* const prop = owner.get();
+    QMR_query_prop* const none = nullptr;
+    uint64_t number = 0;
+    int64_t integer = 0;
+    double real = 0;
+    expectNamedArguments({
+        VALUE(query, qmr_query_prop(nullptr, 1)),
+        STATUS(prop, qmr_query_prop_distinct(none, true)),
+        STATUS(prop, qmr_query_prop_distinct_case(none, true, true)),
+        STATUS(prop, qmr_query_prop_count(none, &number)),
+        STATUS(out_count, qmr_query_prop_count(prop, nullptr)),
+        STATUS(prop, qmr_query_prop_avg(none, &real, nullptr)),
+        STATUS(out_average, qmr_query_prop_avg(prop, nullptr, nullptr)),
+        STATUS(prop, qmr_query_prop_avg_int(none, &integer, nullptr)),
+        STATUS(out_average, qmr_query_prop_avg_int(prop, nullptr, nullptr)),
+        STATUS(prop, qmr_query_prop_sum(none, &real, nullptr)),
+        STATUS(out_sum, qmr_query_prop_sum(prop, nullptr, nullptr)),
+        STATUS(prop, qmr_query_prop_sum_int(none, &integer, nullptr)),
+        STATUS(out_sum, qmr_query_prop_sum_int(prop, nullptr, nullptr)),
+        STATUS(prop, qmr_query_prop_min(none, &real, nullptr)),
+        STATUS(out_minimum, qmr_query_prop_min(prop, nullptr, nullptr)),
+        STATUS(prop, qmr_query_prop_min_int(none, &integer, nullptr)),
+        STATUS(out_minimum, qmr_query_prop_min_int(prop, nullptr, nullptr)),
+        STATUS(prop, qmr_query_prop_max(none, &real, nullptr)),
+        STATUS(out_maximum, qmr_query_prop_max(prop, nullptr, nullptr)),
+        STATUS(prop, qmr_query_prop_max_int(none, &integer, nullptr)),
+        STATUS(out_maximum, qmr_query_prop_max_int(prop, nullptr, nullptr)),
+        VALUE(prop, qmr_query_prop_find_strings(none, nullptr)),
+        VALUE(prop, qmr_query_prop_find_doubles(none, nullptr)),
+        VALUE(prop, qmr_query_prop_find_floats(none, nullptr)),
+        VALUE(prop, qmr_query_prop_find_int64s(none, nullptr)),
+        VALUE(prop, qmr_query_prop_find_int32s(none, nullptr)),
+        VALUE(prop, qmr_query_prop_find_int16s(none, nullptr)),
+        VALUE(prop, qmr_query_prop_find_int8s(none, nullptr)),
+    });
+}
+
 TEST_F(BadInput, ClosingNothingSucceeds) {
     EXPECT_EQ(QMR_SUCCESS, qmr_store_close(nullptr));
     EXPECT_EQ(QMR_SUCCESS, qmr_txn_close(nullptr));
     EXPECT_EQ(QMR_SUCCESS, qmr_cursor_close(nullptr));
     EXPECT_EQ(QMR_SUCCESS, qmr_observer_close(nullptr));
+    EXPECT_EQ(QMR_SUCCESS, qmr_qb_close(nullptr));
+    EXPECT_EQ(QMR_SUCCESS, qmr_query_close(nullptr));
+    EXPECT_EQ(QMR_SUCCESS, qmr_query_prop_close(nullptr));
     EXPECT_EQ(QMR_SUCCESS, qmr_model_free(nullptr));
     qmr_weak_store_free(nullptr);
     EXPECT_TRUE(noLastError());

@@ -21,6 +21,9 @@ struct HandleCloser {
     void operator()(QMR_cursor* cursor) const { qmr_cursor_close(cursor); }
     void operator()(QMR_weak_store* weak) const { qmr_weak_store_free(weak); }
     void operator()(QMR_observer* observer) const { qmr_observer_close(observer); }
+    void operator()(QMR_query_builder* builder) const { qmr_qb_close(builder); }
+    void operator()(QMR_query* query) const { qmr_query_close(query); }
+    void operator()(QMR_query_prop* prop) const { qmr_query_prop_close(prop); }
     void operator()(QMR_bytes_array* array) const { qmr_bytes_array_free(array); }
     void operator()(QMR_id_array* array) const { qmr_id_array_free(array); }
 };
@@ -29,6 +32,9 @@ using TxnPtr = std::unique_ptr<QMR_txn, HandleCloser>;
 using CursorPtr = std::unique_ptr<QMR_cursor, HandleCloser>;
 using WeakStorePtr = std::unique_ptr<QMR_weak_store, HandleCloser>;
 using ObserverPtr = std::unique_ptr<QMR_observer, HandleCloser>;
+using BuilderPtr = std::unique_ptr<QMR_query_builder, HandleCloser>;
+using QueryPtr = std::unique_ptr<QMR_query, HandleCloser>;
+using PropPtr = std::unique_ptr<QMR_query_prop, HandleCloser>;
 using BytesArrayPtr = std::unique_ptr<QMR_bytes_array, HandleCloser>;
 using IdArrayPtr = std::unique_ptr<QMR_id_array, HandleCloser>;
 
