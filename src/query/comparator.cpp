@@ -1,15 +1,14 @@
 #include "query/comparator.h"
 
-#include <algorithm>
 #include <bit>
 #include <limits>
 #include <string_view>
 #include <type_traits>
 #include <utility>
 
-#include "core/ascii.h"
 #include "core/endian.h"
 #include "core/error.h"
+#include "query/text_compare.h"
 #include "schema/property.h"
 #include "store/object_table.h"
 
@@ -82,10 +81,6 @@ std::string_view upToZero(std::string_view text) {
     return text.substr(0, text.find('\0'));
 }
 
-bool foldedBefore(char a, char b) {
-    return static_cast<unsigned char>(foldAscii(a)) < static_cast<unsigned char>(foldAscii(b));
-}
-
 class StringComparator : public PropertyComparator {
 public:
     StringComparator(const Property& property, uint32_t flags, Next next)
@@ -105,12 +100,8 @@ public:
 
 private:
     int compare(std::string_view a, std::string_view b) const {
-        if (caseSensitive_) return a.compare(b);
-        const auto [aEnd, bEnd] =
-            std::mismatch(a.begin(), a.end(), b.begin(), b.end(),
-                          [](char x, char y) { return foldAscii(x) == foldAscii(y); });
-        if (bEnd == b.end()) return aEnd == a.end() ? 0 : 1;
-        return aEnd == a.end() || foldedBefore(*aEnd, *bEnd) ? -1 : 1;
+        return caseSensitive_ ? compareText<CaseSensitive>(a, b)
+                              : compareText<CaseInsensitive>(a, b);
     }
 
     const bool caseSensitive_;

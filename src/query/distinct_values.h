@@ -10,11 +10,59 @@
 #include <string_view>
 #include <type_traits>
 #include <unordered_set>
+#include <utility>
+#include <vector>
 
 #include "core/ascii.h"
 #include "core/hash.h"
 
 namespace quillmere {
+
+// An open-addressed set of integers: no allocation per element.
+template <class Bits>
+class FlatSet {
+public:
+    // Whether the value is new.
+    bool insert(Bits value) {
+        if (value == kFree) return !std::exchange(hasFree_, true);
+        if (2 * used_ >= slots_.size()) grow();
+        if (!place(value)) return false;
+        ++used_;
+        return true;
+    }
+    uint64_t size() const { return used_ + (hasFree_ ? 1 : 0); }
+
+private:
+    static constexpr Bits kFree = 0;
+    static constexpr size_t kMinSlots = 64;
+
+    bool place(Bits value) {
+        const size_t mask = slots_.size() - 1;
+        size_t slot = hashOf(value) & mask;
+        for (; slots_[slot] != kFree; slot = (slot + 1) & mask) {
+            if (slots_[slot] == value) return false;
+        }
+        slots_[slot] = value;
+        return true;
+    }
+    void grow() {
+        std::vector<Bits> old(slots_.empty() ? kMinSlots : 2 * slots_.size(), kFree);
+        old.swap(slots_);
+        for (const Bits value : old) {
+            if (value != kFree) place(value);
+        }
+    }
+    // Each bit of the value reaches the low bits: neighbours and multiples spread alike.
+    static size_t hashOf(Bits value) {
+        uint64_t hash = value * uint64_t{0x9E3779B97F4A7C15};
+        hash = (hash ^ (hash >> 32)) * uint64_t{0x9E3779B97F4A7C15};
+        return static_cast<size_t>(hash ^ (hash >> 29));
+    }
+
+    std::vector<Bits> slots_;  // a power of two of them, at most half of them used
+    uint64_t used_ = 0;
+    bool hasFree_ = false;  // the value that marks a free slot
+};
 
 // Floats by value: zeros of either sign are one, each NaN differs from all others.
 template <class T>
@@ -31,7 +79,7 @@ public:
         }
         Bits bits;
         std::memcpy(&bits, &value, sizeof bits);
-        return seen_.insert(bits).second;
+        return seen_.insert(bits);
     }
     uint64_t size() const { return seen_.size() + nans_; }
 
@@ -41,7 +89,7 @@ private:
         std::conditional_t<sizeof(T) == 2, uint16_t,
                            std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>>>;
 
-    std::unordered_set<Bits, FnvHash<Bits>> seen_;
+    FlatSet<Bits> seen_;
     uint64_t nans_ = 0;
 };
 

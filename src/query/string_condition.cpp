@@ -2,8 +2,8 @@
 
 #include <optional>
 
+#include "query/folded_search.h"
 #include "query/text_compare.h"
-#include "query/text_search.h"
 #include "schema/property.h"
 #include "store/index_cursor.h"
 #include "store/object_table.h"
@@ -70,6 +70,12 @@ struct EndsWith {
     }
 };
 
+struct Contains {
+    static bool holds(std::string_view s, std::string_view p) {
+        return s.find(p) != std::string_view::npos;
+    }
+};
+
 template <class Rule>
 class StringByRule final : public QueryConditionString {
 public:
@@ -95,26 +101,25 @@ public:
     }
 };
 
-class StringContains final : public QueryConditionString {
+class StringContainsFolded final : public QueryConditionString {
 public:
-    StringContains(const Property& property, std::string_view value, bool caseSensitive)
-        : QueryConditionString(QueryOp::Contains, property, value, caseSensitive),
-          search_(value, caseSensitive) {}
+    StringContainsFolded(const Property& property, std::string_view value)
+        : QueryConditionString(QueryOp::Contains, property, value, false), search_(value) {}
 
     bool check(const QueryContext& context) const override {
         const std::string_view stored = context.table.string(fieldOffset());
         return stored.data() && search_.foundIn(stored);
     }
     std::unique_ptr<QueryCondition> clone() const override {
-        return std::make_unique<StringContains>(*this);
+        return std::make_unique<StringContainsFolded>(*this);
     }
     void setString(std::string_view value) override {
-        search_ = TextSearch(value, caseSensitive());
+        search_ = FoldedSearch(value);
         QueryConditionString::setString(value);
     }
 
 private:
-    TextSearch search_;
+    FoldedSearch search_;
 };
 
 class QueryConditionStringVectorContains final : public QueryConditionString {
@@ -166,7 +171,8 @@ std::unique_ptr<QueryCondition> makeStringCondition(const Property& property, Qu
         case QueryOp::StartsWith: return makeByRule<StartsWith>(property, op, value, caseSensitive);
         case QueryOp::EndsWith: return makeByRule<EndsWith>(property, op, value, caseSensitive);
         case QueryOp::Contains:
-            return std::make_unique<StringContains>(property, value, caseSensitive);
+            if (!caseSensitive) return std::make_unique<StringContainsFolded>(property, value);
+            return std::make_unique<StringByRule<Contains>>(op, property, value, true);
         default: throwUnsupportedOp(op);
     }
 }

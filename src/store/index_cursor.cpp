@@ -301,7 +301,7 @@ void IndexCursor::replaceHolder(uint64_t holder, Cursor& cursor) {
 // --- look-ups of numbers and hashes --------------------------------------------------------------
 
 // Of the entry under the cursor, which must have the size of a scalar one.
-uint64_t IndexCursor::idOfScalarEntry() const {
+inline uint64_t IndexCursor::idOfScalarEntry() const {
     const Bytes& key = kv_.key();
     const size_t idPlace = kPrefixSize + valueSize_;
     if (key.size() == idPlace + kShortIdSize) return loadBig<uint32_t>(key.data() + idPlace);
@@ -309,11 +309,22 @@ uint64_t IndexCursor::idOfScalarEntry() const {
     throwEntrySize(key.size());
 }
 
+// The prefix need not be compared: the cursor does not leave its partition.
+template <std::unsigned_integral T>
+inline bool IndexCursor::hasValue(T value) const {
+    const Bytes& key = kv_.key();
+    return key.size() >= kPrefixSize + sizeof(T) && loadBig<T>(key.data() + kPrefixSize) == value;
+}
+
 template <class Visit>
 void IndexCursor::visitScalar(uint64_t value, Visit&& visit) {
-    const size_t searchSize = setScalar(value);
-    bool found = kv_.seekOrNext(keyBuffer_.data(), searchSize);
-    while (found && hasSearched(searchSize) && visit(idOfScalarEntry())) found = kv_.next();
+    bool found = kv_.seekOrNext(keyBuffer_.data(), setScalar(value));
+    if (valueSize_ == sizeof(uint32_t)) {
+        const auto shortValue = static_cast<uint32_t>(value);
+        while (found && hasValue(shortValue) && visit(idOfScalarEntry())) found = kv_.next();
+    } else {
+        while (found && hasValue(value) && visit(idOfScalarEntry())) found = kv_.next();
+    }
 }
 
 // Whether the entry under the cursor starts with what was searched for.
@@ -398,22 +409,23 @@ uint64_t IndexCursor::findByHash(std::string_view value, std::vector<uint64_t>* 
     return first;
 }
 
+// Whether an entry that starts with the searched bytes matches. If it ends with them, its string is
+// the value; else it has a zero behind the value, or the value is but a prefix.
+static bool matchesSearched(IndexMatch match, bool ends) {
+    switch (match) {
+        case IndexMatch::Equal:
+        case IndexMatch::LessOrEqual: return ends;
+        case IndexMatch::Greater: return !ends;
+        case IndexMatch::Less: return false;
+        default: return true;
+    }
+}
+
 // Moves to the first entry that may match.
-bool IndexCursor::seekString(size_t searchSize, IndexMatch match) {
-    bool found = false;
-    const bool backward = match == IndexMatch::Less || match == IndexMatch::LessOrEqual;
-    if (backward) {
-        std::memset(keyBuffer_.data() + searchSize, 0xFF, kLongIdSize);
-        found = kv_.seekOrPrevious(keyBuffer_.data(), searchSize + kLongIdSize);
-    } else {
-        found = kv_.seekOrNext(keyBuffer_.data(), searchSize);
-    }
-    if (match == IndexMatch::Greater || match == IndexMatch::Less) {
-        while (found && kv_.key().size() == searchSize + kLongIdSize && hasSearched(searchSize)) {
-            found = backward ? kv_.previous() : kv_.next();
-        }
-    }
-    return found;
+bool IndexCursor::seekString(size_t searchSize, bool backward) {
+    if (!backward) return kv_.seekOrNext(keyBuffer_.data(), searchSize);
+    std::memset(keyBuffer_.data() + searchSize, 0xFF, kLongIdSize);
+    return kv_.seekOrPrevious(keyBuffer_.data(), searchSize + kLongIdSize);
 }
 
 uint64_t IndexCursor::findIds(std::string_view value, std::vector<uint64_t>* ids,
@@ -421,19 +433,20 @@ uint64_t IndexCursor::findIds(std::string_view value, std::vector<uint64_t>* ids
     if (match > IndexMatch::LessOrEqual) throwIllegalArgument("Unsupported match type");
     if (indexType_ != IndexType::Value) return findByHash(value, ids, outNotDefinite);
 
-    const bool wholeString = match != IndexMatch::StartsWith;
-    const size_t wanted = value.size() + (wholeString ? 1 : 0);
+    const size_t wanted = value.size() + (match == IndexMatch::StartsWith ? 0 : 1);
     outNotDefinite = wanted > kMaxStringValue;
     const size_t searchSize = setStringPart(value, std::min(wanted, kMaxStringValue));
+    const bool bounded = match == IndexMatch::Equal || match == IndexMatch::StartsWith;
     const bool backward = match == IndexMatch::Less || match == IndexMatch::LessOrEqual;
     uint64_t first = kNoId;
-    for (bool found = seekString(searchSize, match); found;
+    bool searched = true;  // the entries that start with the searched bytes come first
+    for (bool found = seekString(searchSize, backward); found;
          found = backward ? kv_.previous() : kv_.next()) {
-        const bool bounded = match == IndexMatch::Equal || match == IndexMatch::StartsWith;
-        if (bounded && !hasSearched(searchSize)) break;
-        // A string with a zero inside may lie between two entries of the value.
-        const bool longer = kv_.key().size() != searchSize + kLongIdSize;
-        if (match == IndexMatch::Equal && longer) continue;
+        searched = searched && hasSearched(searchSize);
+        if (bounded && !searched) break;
+        const bool ends = kv_.key().size() == searchSize + kLongIdSize;
+        // Of a value that was cut, only the object tells.
+        if (searched && !outNotDefinite && !matchesSearched(match, ends)) continue;
         const uint64_t id = idOfStringEntry();
         if (!ids) return id;
         if (first == kNoId) first = id;

@@ -10,13 +10,13 @@
 // The value is 0 to 3 zero bytes, which make the size of the entry a multiple of 4.
 
 #include <array>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string_view>
 #include <vector>
 
-#include "core/bytes.h"
 #include "kv/partition_cursor.h"
 #include "schema/index.h"
 #include "schema/property_type.h"
@@ -112,12 +112,14 @@ private:
     void putEntry(size_t keySize);
     bool removeEntryAt(size_t keySize);
 
+    template <std::unsigned_integral T>
+    bool hasValue(T value) const;
     // Walks the entries of one value, for as long as `visit` (by ID) gives true.
     template <class Visit>
     void visitScalar(uint64_t value, Visit&& visit);
     uint64_t findScalarIds(uint64_t value, std::vector<uint64_t>* ids);
     uint64_t findByHash(std::string_view value, std::vector<uint64_t>* ids, bool& outNotDefinite);
-    bool seekString(size_t searchSize, IndexMatch match);
+    bool seekString(size_t searchSize, bool backward);
     bool hasSearched(size_t searchSize) const;
     uint64_t idOfStringEntry() const;
     uint64_t idOfScalarEntry() const;

@@ -60,6 +60,7 @@ IndexCursor* IndexCursorSet::findIndexCursor(uint32_t propertyId) {
 void IndexCursorSet::onPut(uint64_t id, const void* data, size_t size, bool isUpdate,
                            Cursor& cursor) {
     const auto& cursors = indexCursors();
+    if (cursors.empty()) return;
     const ObjectTable newTable(data, size);
     if (firstUnique_ >= 0) checkUnique(id, newTable, cursor);
 

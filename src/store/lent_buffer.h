@@ -20,8 +20,7 @@ public:
     }
     // Throws IllegalStateException if it is not lent.
     void giveBack() {
-        // One large object must not pin its memory.
-        if (bytes_.size() > kKeptSize) bytes_.clear();
+        bytes_.shrinkTo(kKeptSize);  // one large object must not pin its memory
         if (!inUse_.exchange(false)) {
             throwIllegalState("Buffer was not marked in use - internal error");
         }

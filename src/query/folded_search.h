@@ -7,11 +7,11 @@
 
 namespace quillmere {
 
-// Finds one text in many others. What depends on the text alone is settled at construction; a
+// Finds one text in many others, with the ASCII letters folded. What depends on the text alone is settled at construction; a
 // search allocates nothing.
-class TextSearch {
+class FoldedSearch {
 public:
-    TextSearch(std::string_view text, bool caseSensitive);
+    explicit FoldedSearch(std::string_view text);
 
     // An empty text is in every other one.
     bool foundIn(std::string_view text) const;
@@ -21,14 +21,13 @@ private:
     bool foundInBlock(const char* from) const;
     bool foundAt(const char* from) const;
 
-    std::string text_;   // folded unless case-sensitive
-    size_t size_;        // of the text as given
+    std::string text_;  // folded, up to where a comparison stops
+    size_t size_;       // of the text as given
     size_t last_ = 0;    // place of the last byte compared
     char lastByte_ = 0;
     // Bits to be set in a byte before it is compared: they fold a letter.
     uint8_t firstFold_ = 0;
     uint8_t lastFold_ = 0;
-    bool caseSensitive_;
 };
 
 }  // namespace quillmere

@@ -1,4 +1,4 @@
-#include "query/text_search.h"
+#include "query/folded_search.h"
 
 #include <algorithm>
 #include <cstring>
@@ -26,29 +26,23 @@ uint8_t foldBits(char folded) { return folded >= 'a' && folded <= 'z' ? kFoldBit
 
 }  // namespace
 
-TextSearch::TextSearch(std::string_view text, bool caseSensitive)
-    : text_(text), size_(text.size()), caseSensitive_(caseSensitive) {
+FoldedSearch::FoldedSearch(std::string_view text) : text_(foldAscii(text)), size_(text.size()) {
     if (text_.empty()) return;
-    if (!caseSensitive) {
-        text_ = foldAscii(text);
-        // A folding comparison of what follows the first byte stops at a zero.
-        text_.resize(std::min(text_.find('\0', 1), text_.size() - 1) + 1);
-        firstFold_ = foldBits(text_.front());
-        lastFold_ = foldBits(text_.back());
-    }
+    // A comparison of what follows the first byte stops at a zero.
+    text_.resize(std::min(text_.find('\0', 1), text_.size() - 1) + 1);
     last_ = text_.size() - 1;
     lastByte_ = text_.back();
+    firstFold_ = foldBits(text_.front());
+    lastFold_ = foldBits(text_.back());
 }
 
-bool TextSearch::foundAt(const char* from) const {
-    const size_t rest = text_.size() - 1;
-    if (caseSensitive_) return CaseSensitive::compare(from + 1, text_.data() + 1, rest) == 0;
-    return CaseInsensitive::compare(from + 1, text_.data() + 1, rest) == 0;
+bool FoldedSearch::foundAt(const char* from) const {
+    return CaseInsensitive::compare(from + 1, text_.data() + 1, text_.size() - 1) == 0;
 }
 
 // Looks at several places at once: most are out because of the first or the last byte.
 template <class Block>
-bool TextSearch::foundInBlock(const char* from) const {
+bool FoldedSearch::foundInBlock(const char* from) const {
     typename Block::Bytes first, last;
     std::memcpy(&first, from, sizeof first);
     std::memcpy(&last, from + last_, sizeof last);
@@ -65,7 +59,7 @@ bool TextSearch::foundInBlock(const char* from) const {
     return false;
 }
 
-bool TextSearch::foundIn(std::string_view text) const {
+bool FoldedSearch::foundIn(std::string_view text) const {
     constexpr size_t kBlock = sizeof(Block16::Bytes);
     constexpr size_t kSmallBlock = sizeof(Block8::Bytes);
     if (size_ == 0) return true;
