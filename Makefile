@@ -24,6 +24,7 @@ test: build-release
 bench: release-options := -DQUILLMERE_BUILD_BENCH=ON
 bench: build-release
 	build/release/bench/crud_bench
+	build/release/bench/query_bench
 
 sanitize: build-asan build-tsan
 	ctest --test-dir build/asan --output-on-failure --no-tests=error -j2

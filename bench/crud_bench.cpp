@@ -1,27 +1,18 @@
 // Create, read, update and delete: Quillmere against what it is built on and what a user would pick
-// instead. Within a run every operation is measured for all subjects in turn, so that whatever
-// disturbs the machine disturbs all alike; the ratios are taken run by run for the same reason.
-// Google Benchmark repeats one function after another and cannot interleave this way.
+// instead.
 
-#include <sqlite3.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <functional>
-#include <iostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <lmdb.h>
-#include <quillmere/quillmere.h>
-
 #include "dataset.h"
+#include "frame.h"
 #include "measure.h"
 #include "subject.h"
 
@@ -29,32 +20,18 @@ namespace bench {
 
 namespace {
 
-struct Settings {
-    uint32_t objects = 1'000'000;
+struct CrudSettings : Settings {
     uint32_t singles = 5'000;
-    uint32_t runs = 5;
-    int core = -1;
-    clockid_t clock = CLOCK_MONOTONIC;
-    std::string filter;
-    std::string directory = "bench-data";
     std::string openOnly;  // of this program started by itself to measure an open store
 };
 
 constexpr const char* kUsage =
-    "usage: crud_bench [--objects=N] [--singles=N] [--runs=N] [--filter=TEXT] [--core=N]\n"
-    "                  [--cpu-time] [--directory=DIR]\n"
-    "  --objects    objects in the database, 1000000 by default\n"
-    "  --singles    objects put in a durable transaction each, 5000 by default\n"
-    "  --runs       how often everything is repeated, 5 by default\n"
-    "  --filter     only operations whose name contains TEXT\n"
-    "  --core       processor core to stay on, by default the last one available\n"
-    "  --cpu-time   count processor time instead of elapsed time: on a busy machine, but not for\n"
-    "               durable puts, which wait for the disk\n"
-    "  --directory  where the databases are made and removed, ./bench-data by default\n";
+    "usage: crud_bench [--singles=N] [common arguments]\n"
+    "  --singles    objects put in a durable transaction each, 5000 by default\n";
 
 enum class Content { kEmpty, kAll, kOther };
 
-struct Operation {
+struct Work {
     const char* name;
     bool durable;
     Content before;
@@ -62,7 +39,7 @@ struct Operation {
     std::function<uint32_t(Subject&, Dataset&)> run;  // gives the number of objects
 };
 
-std::vector<Operation> makeOperations(const Settings& settings) {
+std::vector<Work> makeWorks(const CrudSettings& settings) {
     const uint32_t singles = settings.singles;
     using enum Content;
     return {
@@ -84,7 +61,6 @@ std::vector<Operation> makeOperations(const Settings& settings) {
 }
 
 using Subjects = std::vector<std::unique_ptr<Subject>>;
-constexpr size_t kQuillmere = 0, kLmdb = 1, kSqlite = 2;
 
 Subjects makeSubjects(const Settings& settings) {
     // Room for every page to be written anew in one transaction.
@@ -96,144 +72,51 @@ Subjects makeSubjects(const Settings& settings) {
     return subjects;
 }
 
-double secondsOf(clockid_t clock) {
-    timespec time{};
-    clock_gettime(clock, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    const size_t half = values.size() / 2;
-    return values.size() % 2 ? values[half] : (values[half - 1] + values[half]) / 2;
-}
-
-std::string withUnit(double rate) {
-    char text[32];
-    if (rate >= 1e6) {
-        std::snprintf(text, sizeof text, "%.2f M", rate / 1e6);
-    } else {
-        std::snprintf(text, sizeof text, "%.1f k", rate / 1e3);
-    }
-    return text;
-}
-
-// The objects per second of each subject in each run.
-class Results {
-public:
-    explicit Results(size_t subjects) : rates_(subjects) {}
-
-    void add(size_t subject, double rate) { rates_[subject].push_back(rate); }
-
-    std::string rate(size_t subject) const {
-        const auto& rates = rates_[subject];
-        const auto [low, high] = std::minmax_element(rates.begin(), rates.end());
-        return withUnit(median(rates)) + " (" + withUnit(*low) + ".." + withUnit(*high) + ")";
-    }
-    std::string ratio(size_t subject, size_t base) const {
-        std::vector<double> ratios;
-        for (size_t i = 0; i < rates_[subject].size(); ++i) {
-            ratios.push_back(rates_[subject][i] / rates_[base][i]);
-        }
-        const auto [low, high] = std::minmax_element(ratios.begin(), ratios.end());
-        char text[64];
-        std::snprintf(text, sizeof text, "%.2f (%.2f..%.2f)", median(ratios), *low, *high);
-        return text;
-    }
-
-private:
-    std::vector<std::vector<double>> rates_;
-};
-
 class CrudBench {
 public:
-    explicit CrudBench(const Settings& settings)
-        : settings_(settings),
-          data_(settings.objects, 1),
-          operations_(makeOperations(settings)),
-          subjects_(makeSubjects(settings)) {
-        std::erase_if(operations_, [&](const Operation& operation) {
-            return std::string(operation.name).find(settings.filter) == std::string::npos;
-        });
-        if (operations_.empty()) {
-            throw std::runtime_error("No operation matches " + settings.filter);
-        }
-        results_.assign(operations_.size(), Results(subjects_.size()));
-    }
+    explicit CrudBench(const CrudSettings& settings)
+        : settings_(settings), data_(settings.objects, 1), subjects_(makeSubjects(settings)) {}
 
     void run() {
-        printHeader();
-        for (uint32_t run = 0; run < settings_.runs; ++run) {
-            for (size_t i = 0; i < operations_.size(); ++i) {
-                std::fprintf(stderr, "\rrun %u of %u: %-40s", run + 1, settings_.runs,
-                             operations_[i].name);
-                measure(run, i);
-            }
+        std::vector<Operation> operations;
+        for (const Work& work : makeWorks(settings_)) {
+            operations.push_back({work.name, [this, work](size_t i) { return measure(work, i); },
+                                  [this, work] { content_ = work.after; }});
         }
-        std::fprintf(stderr, "\r%60s\r", "");
-        printTable();
+        if (!keepMatching(operations, settings_.filter)) {
+            throw std::runtime_error("No operation matches " + settings_.filter);
+        }
+        char data[100];
+        std::snprintf(data, sizeof data,
+                      "%u objects of %.1f bytes on average, %u for durable singles", data_.count(),
+                      data_.averageSize(), settings_.singles);
+        printHeader(settings_, data);
+        runInterleaved(operations, settings_.runs);
+        printTables(operations, "objects per second");
     }
 
 private:
-    // The first subject changes from run to run.
-    void measure(uint32_t run, size_t index) {
-        for (size_t i = 0; i < subjects_.size(); ++i) {
-            const size_t subject = (run + i) % subjects_.size();
-            prepare(operations_[index], *subjects_[subject]);
-            const double start = secondsOf(settings_.clock);
-            const uint32_t objects = operations_[index].run(*subjects_[subject], data_);
-            results_[index].add(subject, objects / (secondsOf(settings_.clock) - start));
-        }
-        content_ = operations_[index].after;
+    double measure(const Work& work, size_t subject) {
+        prepare(work, *subjects_[subject]);
+        const Timer timer(settings_.clock);
+        const uint32_t objects = work.run(*subjects_[subject], data_);
+        return objects / timer.seconds();
     }
 
     // Empty means a fresh database: one whose objects were removed keeps its pages.
-    void prepare(const Operation& operation, Subject& subject) {
-        if (operation.before == Content::kAll && content_ == Content::kAll) {
+    void prepare(const Work& work, Subject& subject) {
+        if (work.before == Content::kAll && content_ == Content::kAll) {
             data_.changeValues();
             return;
         }
         data_.setIds(subject.drawsIds());
-        subject.reset(operation.durable);
-        if (operation.before == Content::kAll) subject.put(data_, data_.count(), data_.count());
+        subject.reset(work.durable);
+        if (work.before == Content::kAll) subject.put(data_, data_.count(), data_.count());
     }
 
-    void printHeader() const {
-        std::cout << "Quillmere " << qmr_version_string() << ", "
-                  << mdb_version(nullptr, nullptr, nullptr) << ", SQLite " << sqlite3_libversion()
-                  << '\n';
-        printMachine(std::cout, settings_.directory);
-        std::printf("data         %u objects of %.1f bytes on average, %u for durable singles\n",
-                    data_.count(), data_.averageSize(), settings_.singles);
-        std::printf("method       %u interleaved runs on core %d, %s time; median (min..max)\n\n",
-                    settings_.runs, settings_.core,
-                    settings_.clock == CLOCK_MONOTONIC ? "elapsed" : "processor");
-    }
-
-    void printTable() const {
-        std::printf("%-38s", "objects per second");
-        for (const auto& subject : subjects_) std::printf("  %-26s", subject->name().c_str());
-        std::printf("\n");
-        for (size_t i = 0; i < operations_.size(); ++i) {
-            std::printf("%-38s", operations_[i].name);
-            for (size_t s = 0; s < subjects_.size(); ++s) {
-                std::printf("  %-26s", results_[i].rate(s).c_str());
-            }
-            std::printf("\n");
-        }
-        std::printf("\n%-38s  %-26s  %-26s\n", "times the rate of raw LMDB", "Quillmere", "SQLite");
-        for (size_t i = 0; i < operations_.size(); ++i) {
-            std::printf("%-38s  %-26s  %-26s\n", operations_[i].name,
-                        results_[i].ratio(kQuillmere, kLmdb).c_str(),
-                        results_[i].ratio(kSqlite, kLmdb).c_str());
-        }
-    }
-
-    const Settings settings_;
+    const CrudSettings settings_;
     Dataset data_;
-    std::vector<Operation> operations_;
     const Subjects subjects_;
-    std::vector<Results> results_;
     Content content_ = Content::kOther;  // of every subject's database between operations
 };
 
@@ -287,7 +170,7 @@ void printGrowth() {
 }
 
 // Runs in a fresh process, whose memory nothing has touched yet.
-void openOnly(const Settings& settings) {
+void openOnly(const CrudSettings& settings) {
     const std::string directory = settings.directory + "/empty";
     std::filesystem::remove_all(directory);
     beforeOpen = privateMemory();
@@ -322,42 +205,20 @@ void printMemory(const Settings& settings) {
                 lmdb.cleanKb);
 }
 
-uint32_t parseCount(const std::string& text) {
-    char* end = nullptr;
-    const unsigned long value = std::strtoul(text.c_str(), &end, 10);
-    if (text.empty() || *end || value == 0 || value > 100'000'000) {
-        throw std::runtime_error("Not a usable number: " + text + "\n" + kUsage);
-    }
-    return static_cast<uint32_t>(value);
-}
-
-Settings parseSettings(int argc, char** argv) {
-    Settings settings;
-    for (int i = 1; i < argc; ++i) {
-        const std::string argument = argv[i];
-        const size_t equals = argument.find('=');
-        const std::string key = argument.substr(0, equals);
-        const std::string value = equals == argument.npos ? "" : argument.substr(equals + 1);
-        if (key == "--objects") settings.objects = parseCount(value);
-        else if (key == "--singles") settings.singles = parseCount(value);
-        else if (key == "--runs") settings.runs = parseCount(value);
-        else if (key == "--filter") settings.filter = value;
-        else if (key == "--core") settings.core = std::atoi(value.c_str());
-        else if (argument == "--cpu-time") settings.clock = CLOCK_PROCESS_CPUTIME_ID;
-        else if (key == "--directory") settings.directory = value;
-        else if (key == "--open-only") settings.openOnly = value;
-        else if (key == "--help") {
-            std::fputs(kUsage, stdout);
-            std::exit(0);
-        }
-        else throw std::runtime_error("Unknown argument: " + argument + "\n" + kUsage);
-    }
+CrudSettings parseArguments(int argc, char** argv) {
+    CrudSettings settings;
+    parseSettings(argc, argv, kUsage, settings,
+                  [&](const std::string& key, const std::string& value) {
+                      if (key == "--singles") settings.singles = parseCount(value);
+                      else if (key == "--open-only") settings.openOnly = value;
+                      else return false;
+                      return true;
+                  });
     settings.singles = std::min(settings.singles, settings.objects);
-    if (settings.core < 0) settings.core = lastAvailableCore();
     return settings;
 }
 
-void runBench(const Settings& settings) {
+void runBench(const CrudSettings& settings) {
     std::filesystem::create_directories(settings.directory);
     if (!settings.openOnly.empty()) return openOnly(settings);
     pinToCore(settings.core);
@@ -376,11 +237,6 @@ void runBench(const Settings& settings) {
 }  // namespace bench
 
 int main(int argc, char** argv) {
-    try {
-        bench::runBench(bench::parseSettings(argc, argv));
-        return 0;
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "crud_bench: %s\n", error.what());
-        return 1;
-    }
+    return bench::runMain("crud_bench",
+                          [&] { bench::runBench(bench::parseArguments(argc, argv)); });
 }

@@ -5,14 +5,8 @@
 #include <algorithm>
 #include <cstring>
 #include <numeric>
-#include <random>
-#include <string>
 
 namespace bench {
-
-namespace {
-
-using Random = std::mt19937_64;
 
 std::string randomText(Random& random, size_t minLength, size_t maxLength) {
     std::string text(minLength + random() % (maxLength - minLength + 1), ' ');
@@ -20,8 +14,7 @@ std::string randomText(Random& random, size_t minLength, size_t maxLength) {
     return text;
 }
 
-void buildObject(flatbuffers::FlatBufferBuilder& builder, uint32_t id, Random& random) {
-    builder.Clear();
+void buildCrudObject(flatbuffers::FlatBufferBuilder& builder, uint32_t id, Random& random) {
     const auto name = builder.CreateString(randomText(random, 8, 20));
     const auto remark = builder.CreateString(randomText(random, 0, 24));
     const auto table = builder.StartTable();
@@ -35,15 +28,14 @@ void buildObject(flatbuffers::FlatBufferBuilder& builder, uint32_t id, Random& r
     builder.Finish(flatbuffers::Offset<flatbuffers::Table>(builder.EndTable(table)));
 }
 
-}  // namespace
-
-Dataset::Dataset(uint32_t count, uint64_t seed) : order_(count) {
+Dataset::Dataset(uint32_t count, uint64_t seed, BuildObject& build) : order_(count) {
     Random random(seed);
     flatbuffers::FlatBufferBuilder builder;
     offsets_.reserve(count + size_t{1});
     offsets_.push_back(0);
     for (uint32_t id = 1; id <= count; ++id) {
-        buildObject(builder, id, random);
+        builder.Clear();
+        build(builder, id, random);
         bytes_.insert(bytes_.end(), builder.GetBufferPointer(),
                       builder.GetBufferPointer() + builder.GetSize());
         bytes_.resize((bytes_.size() + 7) / 8 * 8);

@@ -2,8 +2,12 @@
 
 // The objects that every subject stores: the same bytes for all, made once.
 
+#include <flatbuffers/flatbuffer_builder.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <random>
+#include <string>
 #include <vector>
 
 namespace bench {
@@ -19,17 +23,24 @@ enum PropertyId : uint16_t {
     kStock = 6,
     kRemark = 7,
 };
-constexpr uint16_t flatOffset(PropertyId id) { return static_cast<uint16_t>(2 + 2 * id); }
+constexpr uint16_t flatOffset(uint16_t id) { return static_cast<uint16_t>(2 + 2 * id); }
 
 struct Object {
     uint8_t* data;
     size_t size;
 };
 
+using Random = std::mt19937_64;
+std::string randomText(Random& random, size_t minLength, size_t maxLength);
+
+// Builds and finishes the object with the given ID; the ID property is number 1 in every model.
+using BuildObject = void(flatbuffers::FlatBufferBuilder& builder, uint32_t id, Random& random);
+void buildCrudObject(flatbuffers::FlatBufferBuilder& builder, uint32_t id, Random& random);
+
 // Objects with the IDs 1 to count(), and a random order to visit them in. Single-threaded.
 class Dataset {
 public:
-    Dataset(uint32_t count, uint64_t seed);
+    Dataset(uint32_t count, uint64_t seed, BuildObject& build = buildCrudObject);
 
     uint32_t count() const { return static_cast<uint32_t>(order_.size()); }
     double averageSize() const { return static_cast<double>(bytes_.size()) / count(); }
@@ -42,7 +53,7 @@ public:
 
     // Writes into each object its own ID, or 0 as a database that draws the IDs expects it.
     void setIds(bool toZero);
-    // Gives each object a new price and stock, in place and so at the same size.
+    // Gives each object of the first model a new price and stock, in place and so at the same size.
     void changeValues();
 
 private:

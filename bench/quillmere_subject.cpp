@@ -3,10 +3,10 @@
 #include <quillmere/quillmere.h>
 
 #include <filesystem>
-#include <stdexcept>
 
 #include "dataset.h"
 #include "measure.h"
+#include "quillmere_work.h"
 #include "subject.h"
 
 namespace bench {
@@ -14,20 +14,6 @@ namespace bench {
 namespace {
 
 constexpr qmr_schema_id kEntity = 1;
-
-[[noreturn]] void fail() {
-    throw std::runtime_error(std::string("Quillmere: ") + qmr_last_error_message());
-}
-void check(qmr_err result) {
-    if (result == 0) return;
-    if (result == QMR_NOT_FOUND) throw std::runtime_error("Quillmere: object not found");
-    fail();
-}
-template <class T>
-T* check(T* result) {
-    if (!result) fail();
-    return result;
-}
 
 void addProperty(QMR_model* model, const char* name, QMRPropertyType type, PropertyId id) {
     check(qmr_model_property(model, name, type, id, 100 + id));
@@ -49,41 +35,6 @@ QMR_model* makeModel() {
     return model;
 }
 
-QMR_store* openStore(const std::string& directory, uint64_t maxSizeInKb) {
-    QMR_store_options* options = check(qmr_opt());
-    check(qmr_opt_directory(options, directory.c_str()));
-    check(qmr_opt_model(options, makeModel()));
-    qmr_opt_max_db_size_in_kb(options, maxSizeInKb);
-    return check(qmr_store_open(options));
-}
-
-// A transaction with a cursor; ends without effect unless committed.
-class Work {
-public:
-    Work(QMR_store* store, bool write)
-        : txn_(check(write ? qmr_txn_write(store) : qmr_txn_read(store))),
-          cursor_(check(qmr_cursor(txn_, kEntity))) {}
-    ~Work() {
-        qmr_cursor_close(cursor_);
-        qmr_txn_close(txn_);
-    }
-    Work(const Work&) = delete;
-    Work& operator=(const Work&) = delete;
-
-    void commit() {
-        check(qmr_cursor_close(cursor_));
-        cursor_ = nullptr;
-        QMR_txn* txn = txn_;
-        txn_ = nullptr;
-        check(qmr_txn_success(txn));
-    }
-    QMR_cursor* cursor() const { return cursor_; }
-
-private:
-    QMR_txn* txn_;
-    QMR_cursor* cursor_;
-};
-
 class QuillmereSubject : public Subject {
 public:
     QuillmereSubject(std::string directory, uint64_t maxSizeInKb)
@@ -96,12 +47,12 @@ public:
     // Every commit is durable; there is no other mode.
     void reset(bool) override {
         removeAllFiles();
-        store_ = openStore(directory_, maxSizeInKb_);
+        store_ = openStore(directory_, makeModel(), maxSizeInKb_);
     }
 
     void put(Dataset& data, uint32_t count, uint32_t batchSize) override {
         for (uint32_t id = 1; id <= count;) {
-            Work work(store_, true);
+            QuillmereWork work(store_, kEntity, true);
             for (uint32_t i = 0; i < batchSize && id <= count; ++i, ++id) {
                 const Object object = data.object(id);
                 if (qmr_cursor_put_object(work.cursor(), object.data, object.size) != id) fail();
@@ -111,7 +62,7 @@ public:
     }
 
     uint64_t getAll(Dataset& data) override {
-        Work work(store_, false);
+        QuillmereWork work(store_, kEntity, false);
         const void* bytes;
         size_t size;
         uint64_t sum = 0;
@@ -123,7 +74,7 @@ public:
     }
 
     uint64_t walk() override {
-        Work work(store_, false);
+        QuillmereWork work(store_, kEntity, false);
         const void* bytes;
         size_t size;
         uint64_t sum = 0;
@@ -136,7 +87,7 @@ public:
     }
 
     void updateAll(Dataset& data) override {
-        Work work(store_, true);
+        QuillmereWork work(store_, kEntity, true);
         for (const uint32_t id : data.randomOrder()) {
             const Object object = data.object(id);
             check(qmr_cursor_update(work.cursor(), id, object.data, object.size));
@@ -145,7 +96,7 @@ public:
     }
 
     void removeAll(Dataset& data) override {
-        Work work(store_, true);
+        QuillmereWork work(store_, kEntity, true);
         for (const uint32_t id : data.randomOrder()) check(qmr_cursor_remove(work.cursor(), id));
         work.commit();
     }
@@ -173,10 +124,10 @@ std::unique_ptr<Subject> makeQuillmereSubject(const std::string& directory, uint
 
 AllocationCounts countQuillmereAllocations(const std::string& directory, Dataset& data) {
     AllocationCounts counts;
-    QMR_store* store = openStore(directory, 1024 * 1024);
+    QMR_store* store = openStore(directory, makeModel(), 1024 * 1024);
     const uint32_t warm = data.count() - kAllocationSample;
     {
-        Work work(store, true);
+        QuillmereWork work(store, kEntity, true);
         const auto insert = [&](uint32_t id) {
             const Object object = data.object(id);
             if (qmr_cursor_put_object(work.cursor(), object.data, object.size) != id) fail();
@@ -191,7 +142,7 @@ AllocationCounts countQuillmereAllocations(const std::string& directory, Dataset
         work.commit();
     }
     {
-        Work work(store, false);
+        QuillmereWork work(store, kEntity, false);
         const void* bytes;
         size_t size;
         const auto get = [&](uint32_t id) {
@@ -208,7 +159,7 @@ AllocationCounts countQuillmereAllocations(const std::string& directory, Dataset
 }
 
 void openEmptyQuillmere(const std::string& directory, void (*opened)()) {
-    QMR_store* store = openStore(directory, 1024 * 1024);
+    QMR_store* store = openStore(directory, makeModel(), 1024 * 1024);
     opened();
     check(qmr_store_close(store));
 }

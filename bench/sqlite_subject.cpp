@@ -1,91 +1,22 @@
-// SQLite with prepared statements: one table of an integer primary key and a blob, write-ahead log,
-// a page cache and memory map that hold the whole database.
-
-#include <sqlite3.h>
+// SQLite with prepared statements: one table of an integer primary key and a blob.
 
 #include <filesystem>
 #include <stdexcept>
 
 #include "dataset.h"
+#include "sqlite_database.h"
 #include "subject.h"
 
 namespace bench {
 
 namespace {
 
-constexpr const char* kSetUp =
-    "PRAGMA journal_mode=WAL;"
-    "PRAGMA cache_size=-1048576;"
-    "PRAGMA mmap_size=4294967296;"
+constexpr const char* kTables =
     "CREATE TABLE object(id INTEGER PRIMARY KEY, data BLOB NOT NULL)";
-
-class Database {
-public:
-    explicit Database(const std::string& file) {
-        const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-        try {
-            check(sqlite3_open_v2(file.c_str(), &db_, flags, nullptr));
-            run(kSetUp);
-        } catch (...) {
-            sqlite3_close(db_);
-            throw;
-        }
-    }
-    ~Database() { sqlite3_close(db_); }
-    Database(const Database&) = delete;
-    Database& operator=(const Database&) = delete;
-
-    void check(int result) {
-        if (result == SQLITE_OK) return;
-        throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(db_));
-    }
-    void run(const char* sql) { check(sqlite3_exec(db_, sql, nullptr, nullptr, nullptr)); }
-    sqlite3* get() { return db_; }
-
-private:
-    sqlite3* db_ = nullptr;
-};
-
-class Statement {
-public:
-    Statement(Database& database, const char* sql) : database_(database) {
-        database.check(sqlite3_prepare_v3(database.get(), sql, -1, SQLITE_PREPARE_PERSISTENT,
-                                          &statement_, nullptr));
-    }
-    ~Statement() { sqlite3_finalize(statement_); }
-    Statement(const Statement&) = delete;
-    Statement& operator=(const Statement&) = delete;
-
-    void bindId(int index, uint32_t id) {
-        database_.check(sqlite3_bind_int64(statement_, index, id));
-    }
-    void bindObject(int index, Object object) {
-        database_.check(sqlite3_bind_blob(statement_, index, object.data,
-                                          static_cast<int>(object.size), SQLITE_STATIC));
-    }
-    // True while there are rows. A failed step reports through the reset that must follow it.
-    bool step() {
-        const int result = sqlite3_step(statement_);
-        if (result == SQLITE_ROW) return true;
-        if (result != SQLITE_DONE) database_.check(result);
-        return false;
-    }
-    void runOnce() {
-        step();
-        reset();
-    }
-    void reset() { database_.check(sqlite3_reset(statement_)); }
-    const void* blob() { return sqlite3_column_blob(statement_, 0); }
-    size_t blobSize() { return static_cast<size_t>(sqlite3_column_bytes(statement_, 0)); }
-
-private:
-    Database& database_;
-    sqlite3_stmt* statement_ = nullptr;
-};
 
 // An empty database with the statements that run on it.
 struct Connection {
-    explicit Connection(const std::string& file) : database(file) {}
+    explicit Connection(const std::string& file) : database(file, kTables) {}
 
     Database database;
     Statement begin{database, "BEGIN"};
@@ -121,7 +52,7 @@ public:
         for (uint32_t id = 1; id <= count;) {
             s.begin.runOnce();
             for (uint32_t i = 0; i < batchSize && id <= count; ++i, ++id) {
-                s.insert.bindId(1, id);
+                s.insert.bind(1, id);
                 s.insert.bindObject(2, data.object(id));
                 s.insert.runOnce();
             }
@@ -134,7 +65,7 @@ public:
         uint64_t sum = 0;
         s.begin.runOnce();
         for (const uint32_t id : data.randomOrder()) {
-            s.select.bindId(1, id);
+            s.select.bind(1, id);
             if (!s.select.step()) throw std::runtime_error("SQLite: object not found");
             const void* blob = s.select.blob();
             sum += sumOfWords(blob, s.select.blobSize());
@@ -159,7 +90,7 @@ public:
         s.begin.runOnce();
         for (const uint32_t id : data.randomOrder()) {
             s.update.bindObject(1, data.object(id));
-            s.update.bindId(2, id);
+            s.update.bind(2, id);
             s.update.runOnce();
         }
         s.commit.runOnce();
@@ -169,7 +100,7 @@ public:
         Connection& s = *connection_;
         s.begin.runOnce();
         for (const uint32_t id : data.randomOrder()) {
-            s.remove.bindId(1, id);
+            s.remove.bind(1, id);
             s.remove.runOnce();
         }
         s.commit.runOnce();

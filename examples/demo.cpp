@@ -1,10 +1,9 @@
 // A small application from an empty folder to a changed data model. It stores the time zones,
 // countries and characters that every Debian system knows, and does with them what applications do:
-// read, walk, update, remove, undo, observe, and come back with a newer model.
+// read, walk, update, remove, undo, observe, come back with a newer model, and ask questions.
 //
-// Read on from here: object.h for how objects become bytes, demo_model.h for the entities.
-
-#include <unistd.h>
+// Read on from here: object.h for how objects become bytes, demo_model.h for the entities,
+// demo_queries.cpp for the questions.
 
 #include <algorithm>
 #include <chrono>
@@ -16,6 +15,9 @@
 
 #include "demo_input.h"
 #include "demo_model.h"
+#include "demo_objects.h"
+#include "demo_queries.h"
+#include "demo_tell.h"
 #include "handles.h"
 #include "object.h"
 
@@ -24,41 +26,6 @@ namespace {
 constexpr const char* kCountryFile = "/usr/share/zoneinfo/iso3166.tab";
 constexpr const char* kZoneFile = "/usr/share/zoneinfo/zone1970.tab";
 constexpr const char* kCharacterFile = "/usr/share/unicode/UnicodeData.txt";
-
-// ---- Telling what happens
-
-class StopWatch {
-public:
-    double seconds() const {
-        const auto now = std::chrono::steady_clock::now();
-        return std::chrono::duration<double>(now - start_).count();
-    }
-
-private:
-    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-};
-
-void tellRate(size_t count, const char* what, const StopWatch& watch) {
-    const double seconds = watch.seconds();
-    std::printf("   %zu %s in %.1f ms, %.0f per second\n", count, what, seconds * 1e3,
-                static_cast<double>(count) / seconds);
-}
-
-// A bar on a terminal; a line for every ten thousand elsewhere.
-void tellProgress(size_t done, size_t total, const char* what) {
-    if (isatty(STDOUT_FILENO)) {
-        const int percent = static_cast<int>(done * 100 / total);
-        std::printf("\r   [%-25.*s] %3d %%", percent / 4, "#########################", percent);
-        if (done == total) std::printf("\r%40s\r", "");
-        std::fflush(stdout);
-    } else if (done % 10'000 == 0) {
-        std::printf("   %zu of %zu %s\n", done, total, what);
-    }
-}
-
-void expect(bool condition, const char* what) {
-    if (!condition) throw std::runtime_error(std::string("Unexpected: ") + what);
-}
 
 // ---- The store
 
@@ -86,25 +53,6 @@ Store openStore(const std::string& directory, QMR_model* model) {
 
 // Closing by hand tells of a failure, unlike a destructor.
 void close(Store store) { check(qmr_store_close(store.release()), "close the store"); }
-
-// Gives the new ID if the object's own is 0.
-template <class T>
-qmr_id put(QMR_cursor* cursor, ObjectWriter& writer, const T& object) {
-    const auto [data, size] = write(writer, object);
-    const qmr_id id = qmr_cursor_put_object(cursor, data, size);
-    if (id == 0) fail("put an object");
-    return id;
-}
-
-// The bytes that `use` gets are those of the database itself: nothing is copied.
-template <class Use>
-void forEachObject(QMR_cursor* cursor, Use&& use) {
-    const void* data;
-    size_t size;
-    qmr_err result = qmr_cursor_first(cursor, &data, &size);
-    for (; result == QMR_SUCCESS; result = qmr_cursor_next(cursor, &data, &size)) use(data);
-    if (result != QMR_NOT_FOUND) fail("step to the next object");
-}
 
 uint64_t countObjects(const Store& store, EntityId entity) {
     uint64_t count = 0;
@@ -314,7 +262,7 @@ void showFailures(const Store& store, const Character& character) {
     std::printf("   unknown entity: %s\n", qmr_last_error_message());
 }
 
-// The second model has another name for one property, one more property, and an entity less.
+// The second model has another name for one property, more properties, and an entity less.
 void checkChangedModel(const Store& store, const std::vector<Character>& characters) {
     const auto property = [&](const char* name) {
         return qmr_store_entity_property_id(store.get(), kCharacter, name);
@@ -401,6 +349,11 @@ void runDemo(const std::string& directory) {
     std::printf("   opened in %.1f ms\n", watch.seconds() * 1e3);
     checkChangedModel(store, characters);
     fillZoneCounts(store);
+    linkZones(store);
+
+    std::printf("5. Questions\n");
+    askAboutZones(store);
+    askAboutCharacters(store);
     tellSize(store);
     close(std::move(store));
     std::printf("The data stays in %s; try: mdb_stat -e %s\n", directory.c_str(),

@@ -8,6 +8,8 @@ constexpr qmr_uid kCountryUid = 4871283090213450900;
 constexpr qmr_uid kZoneUid = 2219048371650928400;
 constexpr qmr_uid kCharacterUid = 7730912846551200300;
 constexpr qmr_uid kImportNoteUid = 1093847561029384700;
+constexpr qmr_uid kIndexUid = 6120934875610293800;
+constexpr qmr_uid kZoneCountriesUid = 3380912745610238400;
 
 // Adds an entity with its ID property, then property by property in the order of their IDs.
 class EntityWriter {
@@ -24,6 +26,24 @@ public:
         qmr_model_entity_last_property_id(model_, lastId_, uid_ + lastId_);
         return *this;
     }
+    // On the property added last. Opening builds the index from the objects that are there.
+    EntityWriter& index(IndexId id, uint32_t flags) {
+        qmr_model_property_flags(model_, flags);
+        qmr_model_property_index_id(model_, id, kIndexUid + id);
+        return *this;
+    }
+    // A property with the ID of an object of another entity; its index answers who refers to that.
+    EntityWriter& toOne(const char* name, EntityId target, IndexId id) {
+        property(name, QMRPropertyType_Relation,
+                 QMRPropertyFlags_INDEXED | QMRPropertyFlags_INDEX_SKIP_ZERO);
+        qmr_model_property_relation(model_, nameOf(target), id, kIndexUid + id);
+        return *this;
+    }
+    // Links that are stored beside the objects, any number for each.
+    EntityWriter& toMany(RelationId id, qmr_uid uid, EntityId target, qmr_uid targetUid) {
+        qmr_model_relation(model_, id, uid, target, targetUid);
+        return *this;
+    }
 
 private:
     QMR_model* model_;
@@ -31,27 +51,50 @@ private:
     qmr_schema_id lastId_ = 0;
 };
 
-// The first mistake is kept in the model and reported by qmr_opt_model(), so that the calls above
-// need no checks of their own.
-QMR_model* makeModel(bool second) {
-    QMR_model* model = qmr_model();
+// The first mistake is kept in the model and reported by qmr_opt_model(), so that the calls need no
+// checks of their own.
+void addCountry(QMR_model* model, bool second) {
     EntityWriter country(model, kCountry, kCountryUid);
-    country.property("code", QMRPropertyType_String).property("name", QMRPropertyType_String);
+    country.property("code", QMRPropertyType_String);
+    if (second) country.index(kByCode, QMRPropertyFlags_UNIQUE);
+    country.property("name", QMRPropertyType_String);
     if (second) {
         country.property("zoneCount", QMRPropertyType_Int, QMRPropertyFlags_NULLABLE_SCALAR);
     }
-    EntityWriter(model, kZone, kZoneUid)
-        .property("name", QMRPropertyType_String)
+}
+
+void addZone(QMR_model* model, bool second) {
+    EntityWriter zone(model, kZone, kZoneUid);
+    zone.property("name", QMRPropertyType_String)
         .property("latitude", QMRPropertyType_Double)
         .property("longitude", QMRPropertyType_Double)
         .property("countries", QMRPropertyType_StringVector)
         .property("remark", QMRPropertyType_String);
-    EntityWriter(model, kCharacter, kCharacterUid)
-        .property("codePoint", QMRPropertyType_Int)
-        .property("name", QMRPropertyType_String)
-        .property(second ? "generalCategory" : "category", QMRPropertyType_String)
+    if (second) {
+        zone.toOne("mainCountry", kCountry, kByCountry)
+            .toMany(kZoneCountries, kZoneCountriesUid, kCountry, kCountryUid);
+    }
+}
+
+void addCharacter(QMR_model* model, bool second) {
+    EntityWriter character(model, kCharacter, kCharacterUid);
+    character.property("codePoint", QMRPropertyType_Int);
+    if (second) character.index(kByCodePoint, QMRPropertyFlags_UNIQUE);
+    character.property("name", QMRPropertyType_String);
+    if (second) character.index(kByName, QMRPropertyFlags_INDEXED);
+    character.property(second ? "generalCategory" : "category", QMRPropertyType_String)
         .property("upperCase", QMRPropertyType_Int, QMRPropertyFlags_NULLABLE_SCALAR);
-    if (!second) {
+}
+
+QMR_model* makeModel(bool second) {
+    QMR_model* model = qmr_model();
+    addCountry(model, second);
+    addZone(model, second);
+    addCharacter(model, second);
+    if (second) {
+        qmr_model_last_index_id(model, kByName, kIndexUid + kByName);
+        qmr_model_last_relation_id(model, kZoneCountries, kZoneCountriesUid);
+    } else {
         EntityWriter(model, kImportNote, kImportNoteUid)
             .property("file", QMRPropertyType_String)
             .property("lines", QMRPropertyType_Int)
@@ -89,6 +132,7 @@ std::pair<void*, size_t> write(ObjectWriter& writer, const Zone& zone) {
     if (!zone.remark.empty()) writer.text(Zone::kRemark, zone.remark);
     writer.number<uint64_t>(kId, zone.id);
     writer.number(Zone::kLatitude, zone.latitude).number(Zone::kLongitude, zone.longitude);
+    if (zone.mainCountry) writer.number(Zone::kMainCountry, zone.mainCountry);
     return writer.finish();
 }
 
@@ -127,6 +171,7 @@ Zone readZone(const void* data) {
     zone.longitude = object.number<double>(Zone::kLongitude);
     zone.countries = object.texts(Zone::kCountries);
     zone.remark = object.text(Zone::kRemark);
+    zone.mainCountry = object.number<uint64_t>(Zone::kMainCountry);
     return zone;
 }
 

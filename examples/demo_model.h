@@ -14,6 +14,8 @@
 // IDs are the place of entities and properties in keys and objects: they are given once, in order,
 // and never reused.
 enum EntityId : qmr_schema_id { kCountry = 1, kZone = 2, kCharacter = 3, kImportNote = 4 };
+enum IndexId : qmr_schema_id { kByCode = 1, kByCountry = 2, kByCodePoint = 3, kByName = 4 };
+enum RelationId : qmr_schema_id { kZoneCountries = 1 };
 
 const char* nameOf(qmr_schema_id entity);
 
@@ -30,7 +32,8 @@ struct Country {
 
 struct Zone {
     enum Property : uint16_t {
-        kName = 2, kLatitude = 3, kLongitude = 4, kCountries = 5, kRemark = 6
+        kName = 2, kLatitude = 3, kLongitude = 4, kCountries = 5, kRemark = 6,
+        kMainCountry = 7
     };
 
     uint64_t id = 0;
@@ -38,6 +41,7 @@ struct Zone {
     double latitude = 0, longitude = 0;  // degrees
     std::vector<std::string> countries;  // codes
     std::string remark;                  // empty for null
+    uint64_t mainCountry = 0;            // only in the second version: ID of a Country, 0 for none
 };
 
 struct Character {
@@ -60,7 +64,9 @@ struct ImportNote {
 };
 
 // The two versions of the model. The second renames Character.category to generalCategory, adds
-// Country.zoneCount and no longer has ImportNote. The caller hands them to qmr_opt_model().
+// Country.zoneCount and no longer has ImportNote. For questions it has indexes, on Country.code,
+// Character.codePoint (both unique) and Character.name, the to-one relation Zone.mainCountry, and the
+// many-to-many relation of zones and countries. The caller hands them to qmr_opt_model().
 QMR_model* makeFirstModel();
 QMR_model* makeSecondModel();
 

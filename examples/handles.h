@@ -32,12 +32,21 @@ struct Closer {
     void operator()(QMR_txn* txn) const { qmr_txn_close(txn); }
     void operator()(QMR_cursor* cursor) const { qmr_cursor_close(cursor); }
     void operator()(QMR_observer* observer) const { qmr_observer_close(observer); }
+    void operator()(QMR_query_builder* builder) const { qmr_qb_close(builder); }
+    void operator()(QMR_query* query) const { qmr_query_close(query); }
+    void operator()(QMR_query_prop* prop) const { qmr_query_prop_close(prop); }
     void operator()(QMR_bytes_array* array) const { qmr_bytes_array_free(array); }
+    void operator()(QMR_id_array* array) const { qmr_id_array_free(array); }
 };
 using Store = std::unique_ptr<QMR_store, Closer>;
 using Txn = std::unique_ptr<QMR_txn, Closer>;
 using Cursor = std::unique_ptr<QMR_cursor, Closer>;
 using Observer = std::unique_ptr<QMR_observer, Closer>;
+using QueryBuilder = std::unique_ptr<QMR_query_builder, Closer>;
+using Query = std::unique_ptr<QMR_query, Closer>;
+using PropertyQuery = std::unique_ptr<QMR_query_prop, Closer>;
+using ObjectArray = std::unique_ptr<QMR_bytes_array, Closer>;
+using IdArray = std::unique_ptr<QMR_id_array, Closer>;
 
 inline Txn beginRead(const Store& store) {
     return Txn(check(qmr_txn_read(store.get()), "begin a read transaction"));
