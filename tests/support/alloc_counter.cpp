@@ -11,10 +11,15 @@ uint64_t quillmere::allocationsOfThread() {
     return allocations;
 }
 
-// The array and nothrow forms of the standard library come here, too.
-void* operator new(size_t size) {
+// The array forms of the standard library come here, too. A sanitizer's own nothrow form would not
+// go with the delete below.
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
     ++allocations;
-    if (void* const block = std::malloc(size != 0 ? size : 1)) return block;
+    return std::malloc(size != 0 ? size : 1);
+}
+
+void* operator new(size_t size) {
+    if (void* const block = operator new(size, std::nothrow)) return block;
     throw std::bad_alloc();
 }
 
