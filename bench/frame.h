@@ -35,8 +35,9 @@ struct Settings {
 // Reads the arguments that all benchmarks have. Those of one benchmark, "--key=value", are offered
 // to `own`, which returns false for what it does not know. Throws for what nobody knows; prints
 // the usage and ends the program for --help.
+using OwnArgument = std::function<bool(const std::string& key, const std::string& value)>;
 void parseSettings(int argc, char** argv, const char* usage, Settings& settings,
-                   const std::function<bool(const std::string& key, const std::string& value)>& own);
+                   const OwnArgument& own);
 uint32_t parseCount(const std::string& text);
 
 // Runs a benchmark as the program; gives its exit code.

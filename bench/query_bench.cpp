@@ -149,8 +149,8 @@ private:
             for (const size_t subject : {kQuillmere, kLmdb}) {
                 const auto answer = subjects_[subject]->ask(asked.question, asked.numbers);
                 if (!answer || *answer == expected) continue;
-                throw std::runtime_error(std::string(kSubjectNames[subject]) + " and SQLite differ: " +
-                                         asked.name + ", " + std::to_string(*answer) + " and " +
+                throw std::runtime_error(std::string(kSubjectNames[subject]) +
+                                         " and SQLite differ: " + asked.name + ", " + std::to_string(*answer) + " and " +
                                          std::to_string(expected));
             }
         }
