@@ -192,7 +192,7 @@ PrivateMemory growthOnOpen(const Settings& settings, const char* subject) {
     const int fields = std::fscanf(pipe, "%lld %lld", &dirty, &clean);
     const int status = pclose(pipe);
     if (fields != 2 || status != 0) throw std::runtime_error("Failed: " + command);
-    return {static_cast<uint64_t>(dirty), static_cast<uint64_t>(clean)};
+    return {dirty, clean};
 }
 
 void printMemory(const Settings& settings) {
@@ -200,8 +200,8 @@ void printMemory(const Settings& settings) {
     const auto lmdb = growthOnOpen(settings, "lmdb");
     std::printf("\n%-38s  %-26s  %-26s\n", "private memory of an empty store, KiB", "Quillmere",
                 "raw LMDB");
-    std::printf("%-38s  %-26lu  %-26lu\n", "written pages", quillmere.dirtyKb, lmdb.dirtyKb);
-    std::printf("%-38s  %-26lu  %-26lu\n", "pages of files, code included", quillmere.cleanKb,
+    std::printf("%-38s  %-26ld  %-26ld\n", "written pages", quillmere.dirtyKb, lmdb.dirtyKb);
+    std::printf("%-38s  %-26ld  %-26ld\n", "pages of files, code included", quillmere.cleanKb,
                 lmdb.cleanKb);
 }
 

@@ -78,9 +78,8 @@ uint32_t parseCount(const std::string& text) {
     return static_cast<uint32_t>(value);
 }
 
-void parseSettings(
-    int argc, char** argv, const char* usage, Settings& settings,
-    const std::function<bool(const std::string& key, const std::string& value)>& own) {
+void parseSettings(int argc, char** argv, const char* usage, Settings& settings,
+                   const OwnArgument& own) {
     for (int i = 1; i < argc; ++i) {
         const std::string argument = argv[i];
         const size_t equals = argument.find('=');

@@ -32,11 +32,12 @@ struct Settings {
     std::string directory = "bench-data";
 };
 
-// Reads the arguments that all benchmarks have. Those of one benchmark, "--key=value", are offered
-// to `own`, which returns false for what it does not know. Throws for what nobody knows; prints
-// the usage and ends the program for --help.
+// Takes an argument of one benchmark; false if it does not know the key.
+using OwnArgument = std::function<bool(const std::string& key, const std::string& value)>;
+// Reads the arguments that all benchmarks have. The others, "--key=value", are offered to `own`.
+// Throws for what nobody knows; prints the usage and ends the program for --help.
 void parseSettings(int argc, char** argv, const char* usage, Settings& settings,
-                   const std::function<bool(const std::string& key, const std::string& value)>& own);
+                   const OwnArgument& own);
 uint32_t parseCount(const std::string& text);
 
 // Runs a benchmark as the program; gives its exit code.

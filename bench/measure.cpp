@@ -67,10 +67,10 @@ PrivateMemory privateMemory() {
     }
     close(file);
     text[length] = 0;
-    const auto valueOf = [&](const char* key) -> uint64_t {
+    const auto valueOf = [&](const char* key) -> int64_t {
         const char* line = std::strstr(text, key);
         if (!line) throw std::runtime_error(std::string("No line in smaps_rollup: ") + key);
-        return std::strtoull(line + std::strlen(key), nullptr, 10);
+        return std::strtoll(line + std::strlen(key), nullptr, 10);
     };
     return {valueOf("Private_Dirty:"), valueOf("Private_Clean:")};
 }

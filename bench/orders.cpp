@@ -57,7 +57,9 @@ CodeText::CodeText(uint32_t number) {
 
 std::vector<int32_t> stockSet(uint32_t n) {
     std::vector<int32_t> set;
-    for (uint32_t i = 0; i < kSetSize; ++i) set.push_back(static_cast<int32_t>((n + i * 47) % 1000));
+    for (uint32_t i = 0; i < kSetSize; ++i) {
+        set.push_back(static_cast<int32_t>((n + i * 47) % 1000));
+    }
     return set;
 }
 

@@ -24,7 +24,8 @@ public:
 
     // Asks once for each number, in one read transaction; nothing if the question is not for this
     // subject. Needs all indexes.
-    virtual std::optional<uint64_t> ask(Question question, const std::vector<uint32_t>& numbers) = 0;
+    virtual std::optional<uint64_t> ask(Question question,
+                                        const std::vector<uint32_t>& numbers) = 0;
 };
 
 std::unique_ptr<QuerySubject> makeQuillmereQuerySubject(const std::string& directory,

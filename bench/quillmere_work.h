@@ -1,6 +1,7 @@
 #pragma once
 
-// What every loop over Quillmere needs: failures as exceptions, a store, a transaction with a cursor.
+// What every loop over Quillmere needs: failures as exceptions, a store, a transaction with a
+// cursor.
 
 #include <quillmere/quillmere.h>
 

@@ -65,8 +65,8 @@ struct ImportNote {
 
 // The two versions of the model. The second renames Character.category to generalCategory, adds
 // Country.zoneCount and no longer has ImportNote. For questions it has indexes, on Country.code,
-// Character.codePoint (both unique) and Character.name, the to-one relation Zone.mainCountry, and the
-// many-to-many relation of zones and countries. The caller hands them to qmr_opt_model().
+// Character.codePoint (both unique) and Character.name, the to-one relation Zone.mainCountry, and
+// the many-to-many relation of zones and countries. The caller hands them to qmr_opt_model().
 QMR_model* makeFirstModel();
 QMR_model* makeSecondModel();
 

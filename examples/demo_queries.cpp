@@ -1,6 +1,6 @@
-// Questions: conditions on properties and across relations, by indexes where there are some, ordered,
-// paged and added up. A builder collects conditions and makes the query; the query is run, as often
-// as you like and with other values if you like.
+// Questions: conditions on properties and across relations, by indexes where there are some,
+// ordered, paged and added up. A builder collects conditions and makes the query; the query is run,
+// as often as you like and with other values if you like.
 
 #include "demo_queries.h"
 
@@ -32,8 +32,8 @@ uint64_t count(const Query& query) {
     return count;
 }
 
-// Prints a text property of everything found, at most `most` of it. Without a transaction around it,
-// what a query finds are copies that belong to the array.
+// Prints a text property of everything found, at most `most` of it. Without a transaction around
+// it, what a query finds are copies that belong to the array.
 void tellFound(const char* what, const Query& query, uint16_t property, size_t most = 6) {
     const ObjectArray found(check(qmr_query_find(query.get()), "find with a query"));
     std::printf("   %s (%zu):", what, found->count);

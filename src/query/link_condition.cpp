@@ -1,6 +1,7 @@
 #include "query/link_condition.h"
 
 #include <algorithm>
+#include <bit>
 #include <utility>
 
 #include "core/bytes.h"
@@ -15,6 +16,39 @@
 #include "store/relation_cursor.h"
 
 namespace quillmere {
+namespace {
+
+constexpr uint64_t kWordBits = 64;
+// Up to so many bits for each ID, a bitmap is much faster than sorting.
+constexpr uint64_t kMaxBitsPerId = 256;
+
+// `first` is the lowest ID and none is `range` or more above it.
+void sortUniqueByBitmap(std::vector<uint64_t>& ids, uint64_t first, uint64_t range) {
+    std::vector<uint64_t> words(range / kWordBits + 1);
+    for (const uint64_t id : ids) {
+        words[(id - first) / kWordBits] |= uint64_t{1} << (id - first) % kWordBits;
+    }
+    ids.clear();  // keeps the room for at least as many
+    for (size_t i = 0; i < words.size(); ++i) {
+        for (uint64_t word = words[i]; word != 0; word &= word - 1) {
+            ids.push_back(first + i * kWordBits + static_cast<uint64_t>(std::countr_zero(word)));
+        }
+    }
+}
+
+void sortUnique(std::vector<uint64_t>& ids) {
+    if (ids.empty()) return;
+    const auto [low, high] = std::minmax_element(ids.begin(), ids.end());
+    const uint64_t first = *low, range = *high - *low + 1;
+    if (range / kMaxBitsPerId < ids.size()) {
+        sortUniqueByBitmap(ids, first, range);
+    } else {
+        std::sort(ids.begin(), ids.end());
+        ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+    }
+}
+
+}  // namespace
 
 QueryConditionLink::QueryConditionLink(uint32_t linkedEntityId, const Property& relationProperty,
                                        bool backlink)
@@ -69,8 +103,7 @@ void QueryConditionLink::lookupIds(Cursor& cursor, Ids& ids) const {
     } else {
         stepThroughProperty(cursor.cursorFor(relationProperty_->entityId()), linked, ids);
     }
-    std::sort(ids.begin(), ids.end());
-    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+    sortUnique(ids);
 }
 
 // The linked objects are the targets of a forward link.

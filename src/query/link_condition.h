@@ -35,6 +35,9 @@ public:
     // Runs the sub-query and gives the IDs on the linking side, ascending and without duplicates.
     // `ids` must be empty.
     void lookupIds(Cursor& cursor, std::vector<uint64_t>& ids) const;
+    // Whether all IDs of lookupIds() are those of objects: entries of the property's index are.
+    // Relations and to-one properties may name any ID.
+    bool findsObjects() const { return relationProperty_ && !backlink_; }
     // Takes the place of clone(), which fails.
     std::unique_ptr<QueryConditionLink> cloneWith(QueryBuilder* builder,
                                                   std::unique_ptr<Query> subQuery) const;

@@ -8,6 +8,7 @@
 #include "core/log.h"
 #include "query/comparator.h"
 #include "query/condition.h"
+#include "query/lent_ids.h"
 #include "query/link_condition.h"
 #include "query/ordered_matches.h"
 #include "query/visit_matches.h"
@@ -149,6 +150,11 @@ void Query::setRunState(uint64_t candidates, uint64_t lookups, bool allDefinite)
     lastAllDefinite_ = allDefinite;
 }
 
+// Of a result, as far as the candidates of this run tell.
+size_t Query::expectedSize(uint64_t limit) const {
+    return limit == 0 ? lastCandidateCount_ : std::min(limit, lastCandidateCount_);
+}
+
 // The matches from the offset on, up to the limit, in the query's order.
 template <class Visitor>
 void Query::visitWindow(Cursor& cursor, uint64_t offset, uint64_t limit, Visitor&& visitor) {
@@ -195,13 +201,14 @@ uint64_t Query::count(Cursor& cursor, uint64_t limit) {
     const auto visitor = [&](uint64_t, const ObjectTable&, const Bytes&) {
         return ++count != limit;
     };
-    Ids candidates;
-    if (!hasLookups_ || !lookupCandidateIds(cursor, candidates)) {
+    LentIds candidates(candidates_);
+    if (!hasLookups_ || !lookupCandidateIds(cursor, *candidates)) {
         visitAll(cursor, visitor);
     } else if (!lastAllDefinite_) {
-        visitCandidates(cursor, candidates, visitor);
+        visitCandidates(cursor, *candidates, visitor);
     } else {  // each is an object that the index knows to match
-        count = limit == 0 ? candidates.size() : std::min<uint64_t>(limit, candidates.size());
+        const uint64_t found = (*candidates).size();
+        count = limit == 0 ? found : std::min(limit, found);
     }
     return count;
 }
@@ -210,6 +217,7 @@ void Query::find(Cursor& cursor, std::vector<Bytes>& out, uint64_t offset, uint6
     checkUsable();
     logFind(offset, limit);
     visitWindow(cursor, offset, limit, [&](const Bytes& object) {
+        if (out.empty()) out.reserve(expectedSize(limit));
         out.emplace_back(object.data(), object.size());
         return true;
     });

@@ -131,10 +131,12 @@ private:
     void logFind(uint64_t offset, uint64_t limit) const;
     void startRun(const Cursor& cursor);
     void resetRun();
+    size_t expectedSize(uint64_t limit) const;
     // Whether look-ups or links applied; then the matches are among `result`.
     bool lookupCandidateIds(Cursor& cursor, Ids& result);
     // Gives the number of look-ups.
     uint64_t lookupIndexIds(Cursor& cursor, Ids& result);
+    bool anyLinkFindsObjects() const;
     void intersectWithLinks(Cursor& cursor, bool lookedUp, Ids& result);
     void keepMatches(Cursor& cursor, Ids& candidates, uint64_t limit);
 
@@ -166,6 +168,8 @@ private:
     uint32_t number_;
     uint64_t definiteLookupsNeeded_;
     std::optional<std::vector<IdScore>> scores_;
+    std::vector<uint64_t> candidates_;  // memory for runs, see LentIds
+    std::vector<uint64_t> scratch_;
     uint64_t lastCandidateCount_ = 0;
     uint64_t lastLookupCount_ = 0;
     bool lastAllDefinite_ = false;

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "core/error.h"
+#include "query/lent_ids.h"
 #include "query/link_condition.h"
 #include "query/query.h"
 #include "query/visit_matches.h"
@@ -55,6 +56,11 @@ bool Query::lookupCandidateIds(Cursor& cursor, Ids& result) {
     CHECK_STATE_AT(255, result.empty());
     const uint64_t lookups = lookupIndexIds(cursor, result);
     if (lookups == 0 || !result.empty()) intersectWithLinks(cursor, lookups != 0, result);
+    // With nothing but links to hold, they know each of these to match; that they all exist, one
+    // must know that found them as entries of their own index.
+    if (!result.empty() && root_->op() == QueryOp::True && anyLinkFindsObjects()) {
+        setRunState(result.size(), lookups, true);
+    }
     return lookups != 0 || hasLinks();
 }
 
@@ -62,19 +68,19 @@ uint64_t Query::lookupIndexIds(Cursor& cursor, Ids& result) {
     result.clear();
     uint64_t lookups = 0;
     bool anyNotDefinite = false;
-    Ids scratch;
+    LentIds scratch(scratch_);
     for (const QueryPlan::Prioritized& prioritized : plan_.prioritized) {
         CHECK_STATE_TEXT_AT(278, prioritized.condition->withProperty(), "lookupIndexIds",
                             "condition.condition_->withProperty()");
-        scratch.clear();
+        (*scratch).clear();
         bool notDefinite = false;
-        if (!lookup(*prioritized.condition, cursor, scratch, notDefinite)) continue;
+        if (!lookup(*prioritized.condition, cursor, *scratch, notDefinite)) continue;
         anyNotDefinite |= notDefinite;
-        sortIds(scratch);
+        sortIds(*scratch);
         if (lookups == 0) {
-            std::swap(result, scratch);
+            result.assign((*scratch).begin(), (*scratch).end());
         } else {
-            intersect(result, scratch);
+            intersect(result, *scratch);
         }
         ++lookups;
         if (result.empty()) break;
@@ -86,15 +92,20 @@ uint64_t Query::lookupIndexIds(Cursor& cursor, Ids& result) {
     return lookups;
 }
 
+bool Query::anyLinkFindsObjects() const {
+    return std::any_of(plan_.linkConditions.begin(), plan_.linkConditions.end(),
+                       [](const QueryConditionLink* link) { return link->findsObjects(); });
+}
+
 void Query::intersectWithLinks(Cursor& cursor, bool lookedUp, Ids& result) {
-    Ids scratch;
+    LentIds scratch(scratch_);
     for (const QueryConditionLink* link : plan_.linkConditions) {
-        scratch.clear();
-        link->lookupIds(cursor, scratch);
+        (*scratch).clear();
+        link->lookupIds(cursor, *scratch);
         if (lookedUp) {
-            intersect(result, scratch);
+            intersect(result, *scratch);
         } else {
-            std::swap(result, scratch);
+            result.assign((*scratch).begin(), (*scratch).end());
             lookedUp = true;
         }
         if (result.empty()) return;

@@ -8,6 +8,7 @@
 #include "core/bytes.h"
 #include "core/checks.h"
 #include "query/condition.h"
+#include "query/lent_ids.h"
 #include "query/query.h"
 #include "store/cursor.h"
 #include "store/object_store.h"
@@ -22,9 +23,9 @@ void Query::visitMatches(Cursor& cursor, Visitor&& visitor) {
     // Counted before the look: a store that starts to close sees this query, or is seen here.
     const RunningQuery running(cursor.tx().store().activity());
     startRun(cursor);
-    Ids candidates;
-    if (hasLookups_ && lookupCandidateIds(cursor, candidates)) {
-        visitCandidates(cursor, candidates, visitor);
+    LentIds candidates(candidates_);
+    if (hasLookups_ && lookupCandidateIds(cursor, *candidates)) {
+        visitCandidates(cursor, *candidates, visitor);
     } else {
         visitAll(cursor, visitor);
     }

@@ -103,6 +103,20 @@ TEST_F(Links, AreAllAskedForAndNest) {
               fromCity->describeParameters());
 }
 
+TEST_F(Links, ReadNoObjectToKnowTheEntriesOfAnIndex) {
+    const auto forward = query(
+        [&](QueryBuilder& b) { bornIn(b.link(&authors(), &authorOf(), false), 1900); });
+    EXPECT_EQ(2u, forward->count(objects(kBooks)));
+    EXPECT_TRUE(forward->lastAllDefinite());
+
+    const auto narrowed = query([&](QueryBuilder& b) {
+        bornIn(b.link(&authors(), &authorOf(), false), 1900);
+        b.equal(prop(kNumber), int64_t{200});
+    });
+    EXPECT_EQ(1u, narrowed->count(objects(kBooks)));
+    EXPECT_FALSE(narrowed->lastAllDefinite());
+}
+
 TEST_F(Links, AnEmptySubQueryEndsTheRun) {
     const auto nobody = query([&](QueryBuilder& b) {
         bornIn(b.link(&authors(), &authorOf(), false), 1);
