@@ -1,6 +1,7 @@
 // Builders of queries, for chained calls without checks in between: failures stay on the builder.
 
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -9,7 +10,6 @@
 #include "capi/arrays.h"
 #include "capi/guard.h"
 #include "capi/query_handles.h"
-#include "core/cast.h"
 #include "core/checks.h"
 #include "core/error.h"
 #include "query/condition.h"
@@ -280,6 +280,8 @@ qmr_qb_cond qmr_qb_any(QMR_query_builder* builder, const qmr_qb_cond conditions[
     return addCombination(builder, conditions, count, &QueryBuilder::any);
 }
 
+// --- conditions ----------------------------------------------------------------------------------
+
 qmr_qb_cond qmr_qb_null(QMR_query_builder* builder, qmr_schema_id property_id) {
     return addPropertyCondition(builder, property_id, [&](auto& engine, const auto& property) {
         engine.isNull(property);
@@ -548,6 +550,8 @@ qmr_qb_cond qmr_qb_relation_count_property(QMR_query_builder* builder,
     });
 }
 
+// --- order and links -----------------------------------------------------------------------------
+
 qmr_err qmr_qb_order(QMR_query_builder* builder, qmr_schema_id property_id, uint32_t flags) {
     return builderCall(builder, Keep::CodeAndText, [&](BuilderNode& node) {
         QueryBuilder& engine = node.builder();
@@ -603,6 +607,8 @@ QMR_query_builder* qmr_qb_link_time(QMR_query_builder* builder, qmr_schema_id li
             "Please use Quillmere TS instead.");
     });
 }
+
+// --- the query -----------------------------------------------------------------------------------
 
 QMR_query* qmr_query(QMR_query_builder* builder) {
     if (const BuilderNode* const failed = builder ? builder->node->failed() : nullptr) {

@@ -1,13 +1,11 @@
 // Values of built queries. Each setter exists for both kinds of address of a condition.
 
-#include <string_view>
-#include <vector>
-
 #include "capi/arrays.h"
 #include "capi/guard.h"
 #include "capi/query_handles.h"
 #include "core/checks.h"
 #include "core/error.h"
+#include "query/query.h"
 #include "query/query_parameters.h"
 #include "schema/entity.h"
 
