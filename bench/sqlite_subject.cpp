@@ -13,14 +13,22 @@ namespace bench {
 
 namespace {
 
+constexpr const char* kSetUp =
+    "PRAGMA journal_mode=WAL;"
+    "PRAGMA cache_size=-1048576;"
+    "PRAGMA mmap_size=4294967296;"
+    "CREATE TABLE object(id INTEGER PRIMARY KEY, data BLOB NOT NULL)";
+
 class Database {
 public:
     explicit Database(const std::string& file) {
         const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-        if (sqlite3_open_v2(file.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
-            const std::string message = sqlite3_errmsg(db_);
+        try {
+            check(sqlite3_open_v2(file.c_str(), &db_, flags, nullptr));
+            run(kSetUp);
+        } catch (...) {
             sqlite3_close(db_);
-            throw std::runtime_error("SQLite: " + message);
+            throw;
         }
     }
     ~Database() { sqlite3_close(db_); }
@@ -75,17 +83,11 @@ private:
     sqlite3_stmt* statement_ = nullptr;
 };
 
-// The prepared statements of an open database.
-struct Session {
-    explicit Session(const std::string& file)
-        : database(file),
-          prepared((database.run("PRAGMA journal_mode=WAL; PRAGMA cache_size=-1048576;"
-                                 "PRAGMA mmap_size=4294967296;"
-                                 "CREATE TABLE object(id INTEGER PRIMARY KEY, data BLOB NOT NULL)"),
-                    true)) {}
+// An empty database with the statements that run on it.
+struct Connection {
+    explicit Connection(const std::string& file) : database(file) {}
 
     Database database;
-    const bool prepared;  // the table must stand before statements on it are compiled
     Statement begin{database, "BEGIN"};
     Statement commit{database, "COMMIT"};
     Statement insert{database, "INSERT INTO object(id, data) VALUES(?, ?)"};
@@ -99,7 +101,7 @@ class SqliteSubject : public Subject {
 public:
     explicit SqliteSubject(std::string directory) : directory_(std::move(directory)) {}
     ~SqliteSubject() override {
-        session_.reset();
+        connection_.reset();
         std::error_code ignored;
         std::filesystem::remove_all(directory_, ignored);
     }
@@ -107,15 +109,15 @@ public:
     std::string name() const override { return "SQLite"; }
 
     void reset(bool durable) override {
-        session_.reset();
+        connection_.reset();
         std::filesystem::remove_all(directory_);
         std::filesystem::create_directories(directory_);
-        session_ = std::make_unique<Session>(directory_ + "/data.sqlite");
-        session_->database.run(durable ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=OFF");
+        connection_ = std::make_unique<Connection>(directory_ + "/data.sqlite");
+        connection_->database.run(durable ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=OFF");
     }
 
     void put(Dataset& data, uint32_t count, uint32_t batchSize) override {
-        Session& s = *session_;
+        Connection& s = *connection_;
         for (uint32_t id = 1; id <= count;) {
             s.begin.runOnce();
             for (uint32_t i = 0; i < batchSize && id <= count; ++i, ++id) {
@@ -128,7 +130,7 @@ public:
     }
 
     uint64_t getAll(Dataset& data) override {
-        Session& s = *session_;
+        Connection& s = *connection_;
         uint64_t sum = 0;
         s.begin.runOnce();
         for (const uint32_t id : data.randomOrder()) {
@@ -143,7 +145,7 @@ public:
     }
 
     uint64_t walk() override {
-        Session& s = *session_;
+        Connection& s = *connection_;
         uint64_t sum = 0;
         s.begin.runOnce();
         while (s.scan.step()) sum += sumOfTwoFields(s.scan.blob());
@@ -153,7 +155,7 @@ public:
     }
 
     void updateAll(Dataset& data) override {
-        Session& s = *session_;
+        Connection& s = *connection_;
         s.begin.runOnce();
         for (const uint32_t id : data.randomOrder()) {
             s.update.bindObject(1, data.object(id));
@@ -164,7 +166,7 @@ public:
     }
 
     void removeAll(Dataset& data) override {
-        Session& s = *session_;
+        Connection& s = *connection_;
         s.begin.runOnce();
         for (const uint32_t id : data.randomOrder()) {
             s.remove.bindId(1, id);
@@ -183,7 +185,7 @@ public:
 
 private:
     const std::string directory_;
-    std::unique_ptr<Session> session_;
+    std::unique_ptr<Connection> connection_;
 };
 
 }  // namespace

@@ -122,9 +122,9 @@ public:
         : observer_(check(qmr_observe(store.get(), &onCommit, this), "observe the store")) {}
 
     void tell() const {
-        std::printf("   observed %zu commits:", commits_);
+        std::printf("   observed %zu commits", commits_);
         for (const auto& [entity, count] : changes_) {
-            std::printf(" %s in %zu", nameOf(entity), count);
+            std::printf(", %s in %zu", nameOf(entity), count);
         }
         std::printf("\n");
     }

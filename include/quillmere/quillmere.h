@@ -678,6 +678,7 @@ QMR_API qmr_err qmr_cursor_current(QMR_cursor* cursor, const void** data, size_t
 QMR_API qmr_err qmr_cursor_seek(QMR_cursor* cursor, qmr_id id);
 QMR_API qmr_err qmr_cursor_seek_first_id(QMR_cursor* cursor, qmr_id* out_id);
 QMR_API qmr_err qmr_cursor_seek_next_id(QMR_cursor* cursor, qmr_id* out_id);
+/* All ones once the cursor has stepped behind the last object. */
 QMR_API qmr_err qmr_cursor_current_id(QMR_cursor* cursor, qmr_id* out_id);
 QMR_API QMR_bytes_array* qmr_cursor_get_all(QMR_cursor* cursor);
 

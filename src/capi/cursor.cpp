@@ -15,13 +15,13 @@ using namespace quillmere;
 
 namespace {
 
-// Reads an object into the record and, if there is one, hands out the view.
-template <class Read>
-bool readObject(QMR_cursor* cursor, const void** data, size_t* size, Read&& read) {
+// Reads an object into the record by a call of the cursor, and hands out the view if there is one.
+template <class Read, class... Id>
+bool readObject(QMR_cursor* cursor, const void** data, size_t* size, Read read, Id... id) {
     CHECK_ARG_NOT_NULL(cursor);
     CHECK_ARG_NOT_NULL(data);
     CHECK_ARG_NOT_NULL(size);
-    if (!read(*cursor->cursor, cursor->object)) return false;
+    if (!((*cursor->cursor).*read)(id..., cursor->object)) return false;
     *data = cursor->object.data();
     *size = cursor->object.size();
     return true;
@@ -118,31 +118,19 @@ qmr_id qmr_cursor_put_object4(QMR_cursor* cursor, void* data, size_t size, int32
 }
 
 qmr_err qmr_cursor_get(QMR_cursor* cursor, qmr_id id, const void** data, size_t* size) {
-    return foundCall([&] {
-        return readObject(cursor, data, size,
-                          [id](Cursor& core, Bytes& out) { return core.get(id, out); });
-    });
+    return foundCall([&] { return readObject(cursor, data, size, &Cursor::get, id); });
 }
 
 qmr_err qmr_cursor_first(QMR_cursor* cursor, const void** data, size_t* size) {
-    return foundCall([&] {
-        return readObject(cursor, data, size,
-                          [](Cursor& core, Bytes& out) { return core.first(out); });
-    });
+    return foundCall([&] { return readObject(cursor, data, size, &Cursor::first); });
 }
 
 qmr_err qmr_cursor_next(QMR_cursor* cursor, const void** data, size_t* size) {
-    return foundCall([&] {
-        return readObject(cursor, data, size,
-                          [](Cursor& core, Bytes& out) { return core.next(out); });
-    });
+    return foundCall([&] { return readObject(cursor, data, size, &Cursor::next); });
 }
 
 qmr_err qmr_cursor_current(QMR_cursor* cursor, const void** data, size_t* size) {
-    return foundCall([&] {
-        return readObject(cursor, data, size,
-                          [](Cursor& core, Bytes& out) { return core.current(out); });
-    });
+    return foundCall([&] { return readObject(cursor, data, size, &Cursor::current); });
 }
 
 qmr_err qmr_cursor_seek(QMR_cursor* cursor, qmr_id id) {

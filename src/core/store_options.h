@@ -35,6 +35,12 @@ enum PutPaddingMode : uint16_t {
     kPaddingByCaller = 3,    // a size that is no multiple of 4 is refused
 };
 
+// The bytes of a size option; one beyond 64 bits gives the most KiB that fit.
+constexpr uint64_t bytesOfKb(uint64_t kilobytes) {
+    constexpr uint64_t kMostKb = ~uint64_t{0} / 1024;
+    return (kilobytes < kMostKb ? kilobytes : kMostKb) * 1024;
+}
+
 // A plain record; whoever holds it owns it. Sizes in KiB, delays in microseconds.
 struct StoreOptions {
     std::string directory = "quillmere";

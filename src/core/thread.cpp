@@ -56,13 +56,12 @@ Thread::~Thread() {
         }
         state_.store(State::Destroyed);
     }
-    // A system thread that is still unjoined ends the process with the destructor of thread_.
 }
 
+// Ends the process, as any system thread does that is left unjoined. Here at once, since others may
+// still wait on the members.
 void Thread::failSelfDestruction() noexcept {
     try {
-        // start() may still be about to store the system thread, which must be seen unjoined.
-        std::lock_guard lock(mutex_);
         const IllegalStateException failure(
             joinPieces({"Thread \"", name_, "\" (#", std::to_string(threadNumber()),
                         ") cannot destruct itself."}));
@@ -74,6 +73,7 @@ void Thread::failSelfDestruction() noexcept {
     } catch (...) {
         // Out of memory: the process ends without the words.
     }
+    std::terminate();
 }
 
 bool Thread::isSelf() const {

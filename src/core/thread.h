@@ -33,7 +33,8 @@ public:
 
     // An empty name becomes "NoName-" and the thread's number.
     explicit Thread(std::string name);
-    // Asks the thread to stop and joins it, however long that takes.
+    // Asks the thread to stop and joins it, however long that takes. A thread that destroys itself
+    // ends the process.
     virtual ~Thread();
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
@@ -67,7 +68,7 @@ private:
     void enter();
     void logUncaught(std::exception_ptr exception) const noexcept;
     bool isSelf() const;
-    void failSelfDestruction() noexcept;
+    [[noreturn]] void failSelfDestruction() noexcept;
 
     std::mutex mutex_;
     std::thread thread_;  // under mutex_

@@ -157,6 +157,31 @@ private:
     std::string firstIssue_;
 };
 
+// Threads that did not end in time, with all they hold. The process ends without those that still
+// have not by then.
+class Abandoned {
+public:
+    ~Abandoned() {
+        constexpr uint64_t kLastChanceMillis = 100;
+        for (auto& worker : workers_) {
+            if (!worker->awaitFinish(kLastChanceMillis)) static_cast<void>(worker.release());
+        }
+    }
+    void add(std::unique_ptr<Worker> worker) {
+        std::lock_guard lock(mutex_);
+        workers_.push_back(std::move(worker));
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<std::unique_ptr<Worker>> workers_;
+};
+
+Abandoned& abandoned() {
+    static Abandoned threads;
+    return threads;
+}
+
 std::string text(uint32_t number) {
     return std::to_string(number);
 }
@@ -296,8 +321,7 @@ void SelfTest::destroyWorkers(std::shared_ptr<Stage> stage) {
                        " threads were actually destroyed in time (", text(limitMillis_), " ms). ",
                        text(stage->threadsFinished), " finished the thread, ",
                        text(stage->joinable), " joinable, ", text(stage->joined), " joined. "}));
-    // It may never end: given up with all it holds.
-    if (!joiner->awaitFinish(limitMillis_)) joiner.release();
+    if (!joiner->awaitFinish(limitMillis_)) abandoned().add(std::move(joiner));
 }
 
 }  // namespace

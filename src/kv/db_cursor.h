@@ -33,7 +33,8 @@ public:
     // Drops the low-level cursor without closing it.
     virtual void detach() = 0;
 
-    // The current key. A view given to setKey() must stay valid for as long as it is current.
+    // The current key: the one found, or the one that setKey(), put() or a seek was given. A given
+    // key is viewed, not copied: it must stay valid for as long as it is current.
     Bytes key() const { return Bytes::copyOf(key_.data(), key_.size()); }
     void keyView(Bytes& out) const { out.setView(key_.data(), key_.size()); }
     // Sets the current key without moving: the next step seeks it first.

@@ -20,7 +20,8 @@ public:
     virtual std::unique_ptr<DbStore> createStore(const StoreOptions& options) = 0;
     virtual uint32_t id() const = 0;
     virtual const char* name() const = 0;
-    // Creates the directory with the options' file mode if it is missing.
+    // Creates the directory with the options' file mode if it is missing. Nothing is created for
+    // options that a store must not open with: throws IllegalArgumentException.
     virtual void prepareDirectory(const StoreOptions& options) = 0;
     // One name for all ways to write a path, also of one that does not exist.
     virtual std::string canonicalPath(const std::string& path) = 0;

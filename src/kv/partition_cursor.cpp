@@ -31,6 +31,11 @@ inline void copyKey(uint8_t* to, const uint8_t* from, size_t size) {
     }
 }
 
+// Out of line, as all that is rare: it would cost each step the saving of registers.
+[[noreturn, gnu::cold, gnu::noinline]] void throwKeyTooShort(size_t size) {
+    throw DbFileCorruptException("Corrupt DB, min key size violated: " + std::to_string(size));
+}
+
 void checkCreatorThread(const TxContext& tx) {
     const int32_t thread = threadNumber();
     if (thread == tx.ownerThread()) return;
@@ -172,7 +177,10 @@ void PartitionCursor::put(const Bytes& key, const Bytes& value) {
 void PartitionCursor::put(const void* key, size_t keySize, const void* value, size_t valueSize) {
     if (!key || keySize == 0) throwIllegalArgument("Can not put without a key");
     holdKey(key, keySize);
-    if (valueSize % dataPadding_ == 0) {
+    // After a failure the cursor is on no element; a step continues from the key asked for.
+    position_ = Position::None;
+    dbCursor_->setKey(keyView_);
+    if (valueSize % dataPadding_ == 0 || !value) {  // the provider refuses a null value
         dbCursor_->put(keyView_.data(), keySize, value, valueSize);
     } else {
         putPadded(value, valueSize);
@@ -189,7 +197,7 @@ void PartitionCursor::putPadded(const void* value, size_t size) {
     std::memset(target + size, 0, padded - size);
     dbCursor_->put(keyView_.data(), keyView_.size(), target, padded);
     // One large value must not pin its memory.
-    if (padded > kKeptPaddingBufferSize) padding_.shrinkTo(kKeptPaddingBufferSize);
+    if (padding_.size() > kKeptPaddingBufferSize) padding_.shrinkTo(kKeptPaddingBufferSize);
 }
 
 bool PartitionCursor::removeCurrent() {
@@ -275,8 +283,7 @@ inline bool PartitionCursor::stepToAsked(bool found) {
 
 inline PartitionCursor::Position PartitionCursor::locate(const Bytes& key) {
     if (key.size() < minKeySize_) [[unlikely]] {
-        throw DbFileCorruptException("Corrupt DB, min key size violated: " +
-                                     std::to_string(key.size()));
+        throwKeyTooShort(key.size());
     }
     const uint32_t prefix = shortPrefix_ ? uint32_t{loadBig<uint16_t>(key.data())} << 16
                                          : loadBig<uint32_t>(key.data());
@@ -311,7 +318,7 @@ inline void PartitionCursor::holdKey(const void* key, size_t size) {
 }
 
 // The old content goes: a key that does not fit comes from elsewhere.
-void PartitionCursor::growKeyBuffer(size_t size) {
+[[gnu::cold, gnu::noinline]] void PartitionCursor::growKeyBuffer(size_t size) {
     const size_t rounded = (size + kKeyBufferStep - 1) / kKeyBufferStep * kKeyBufferStep;
     keyBuffer_ = std::make_unique<uint8_t[]>(rounded);
     keyBufferSize_ = rounded;

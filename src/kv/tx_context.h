@@ -4,12 +4,14 @@
 
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 #include "kv/db_transaction.h"
 
 namespace quillmere {
 
-// The base of the object layer's Transaction. Lives at least as long as the cursors made on it.
+// The base of the object layer's Transaction. Belongs to the thread that created it. Its destructor
+// tells the cursors that are left, which use it no more from then on.
 class TxContext {
 public:
     TxContext(const TxContext&) = delete;

@@ -90,22 +90,26 @@ void CatalogStore::writeAll(const Elements& elements) {
     }
 }
 
-void CatalogStore::writeCatalog(const Catalog& catalog) {
-    write(kCatalogElement, catalog.build());
-}
-
-void CatalogStore::writeEntity(const Entity& entity) {
-    write(entity.id(), buildEntityRecord(entity));
-}
-
-void CatalogStore::write(uint64_t elementId, const Bytes& record) {
+void CatalogStore::checkWritable() const {
     if (host_.readOnly()) {
         throwIllegalState("Can not update schema when opening in read-only mode");
     }
-    host_.writeElement(elementId, record.data(), record.size());
+}
+
+void CatalogStore::writeCatalog(const Catalog& catalog) {
+    checkWritable();
+    const Bytes record = catalog.build();
+    host_.writeElement(kCatalogElement, record.data(), record.size());
+}
+
+void CatalogStore::writeEntity(const Entity& entity) {
+    checkWritable();
+    const Bytes record = buildEntityRecord(entity);
+    host_.writeElement(entity.id(), record.data(), record.size());
 }
 
 void CatalogStore::removeEntity(const Entity& entity) {
+    checkWritable();
     host_.removeAllObjects(entity);
     if (!host_.removeElement(entity.id())) throwSchema("Entity schema could not be removed");
 }

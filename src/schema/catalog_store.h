@@ -39,6 +39,8 @@ public:
     Elements readAll();
     void writeAll(const Elements& elements);
 
+    // Throws in a read-only store.
+    void checkWritable() const;
     // The caller has set the update time.
     void writeCatalog(const Catalog& catalog);
     void writeEntity(const Entity& entity);
@@ -46,7 +48,6 @@ public:
     void removeEntity(const Entity& entity);
 
 private:
-    void write(uint64_t elementId, const Bytes& record);
     bool isEmpty();
 
     SchemaHost& host_;

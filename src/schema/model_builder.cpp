@@ -8,10 +8,10 @@
 #include "core/cast.h"
 #include "core/checks.h"
 #include "core/error.h"
+#include "schema/flat_table.h"
 #include "schema/hnsw_table.h"
 #include "schema/model_format.h"
 #include "schema/schema.h"
-#include "schema/flat_table.h"
 
 namespace quillmere {
 
@@ -151,8 +151,8 @@ HnswOptions& ModelBuilder::hnswOptions() const { return currentProperty().hnswOp
 
 void ModelBuilder::entity(std::string_view name, uint32_t id, uint64_t uid) {
     CHECK_STATE_AT(13, !finished_);
-    checkFinishEntity();
     if (name.empty()) throwIllegalArgument("Name cannot be empty");
+    checkFinishEntity();
     activeEntity_ = std::make_unique<EntityBuilder>(name, IdUid{id, uid});
 }
 

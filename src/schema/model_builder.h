@@ -15,7 +15,8 @@ namespace quillmere {
 // the entity that was started last, its settings to the property that was started last.
 //
 // Throws IllegalStateException if there is no current entity or property, or if the model is
-// finished; the model then stays as it was. One thread at a time.
+// finished, and IllegalArgumentException for an empty entity name; the model then stays as it was.
+// Values beyond their fields throw, too. One thread at a time.
 class ModelBuilder {
 public:
     ModelBuilder();

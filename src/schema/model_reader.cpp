@@ -6,10 +6,10 @@
 #include "core/checks.h"
 #include "core/error.h"
 #include "core/flatbuffer_check.h"
+#include "schema/flat_table.h"
 #include "schema/hnsw_table.h"
 #include "schema/model_format.h"
 #include "schema/schema.h"
-#include "schema/flat_table.h"
 
 namespace quillmere {
 

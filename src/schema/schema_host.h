@@ -4,6 +4,7 @@
 // the removal of data that a migration gives up and the filling of new indexes. Implemented by the object store on one
 // transaction.
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -35,7 +36,8 @@ public:
     virtual void writeElement(uint64_t elementId, const void* data, size_t size) = 0;
     virtual bool removeElement(uint64_t elementId) = 0;
 
-    // The schema that cursors of the transaction see while data is removed.
+    // The schema that cursors of the transaction see while data is removed. As they refer to its
+    // entities, each schema given stays alive as long as the store.
     virtual std::shared_ptr<Schema> schema() const = 0;
     virtual void setSchema(std::shared_ptr<Schema> schema) = 0;
 

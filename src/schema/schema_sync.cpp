@@ -1,5 +1,6 @@
 #include "schema/schema_sync.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -70,7 +71,8 @@ bool updateCatalogFields(const Model& model, Catalog& catalog) {
     bool changed = raiseLastId(catalog.lastEntityId, model.lastEntityId.id, "entity");
     changed |= raiseLastId(catalog.lastIndexId, model.lastIndexId.id, "index");
     changed |= raiseLastId(catalog.lastRelationId, model.lastRelationId.id, "relation");
-    changed |= std::exchange(catalog.fourthLastId, model.fourthLastId.id) != model.fourthLastId.id;
+    const uint32_t fourthLastId = std::max(catalog.fourthLastId, model.fourthLastId.id);
+    changed |= std::exchange(catalog.fourthLastId, fourthLastId) != fourthLastId;
     changed |= std::exchange(catalog.userVersion, model.userVersion) != model.userVersion;
     return changed;
 }
@@ -90,7 +92,33 @@ bool sameIndex(const Property& a, const Property& b) {
 
 }  // namespace
 
-const SchemaSyncResult& SchemaSync::syncSchema(const Bytes& modelBytes) {
+std::string SchemaSyncResult::text() const {
+    const std::pair<const char*, uint32_t> counters[] = {
+        {"entities added", entitiesAdded},
+        {"entities renamed", entitiesRenamed},
+        {"entities removed", entitiesRemoved},
+        {"entity flag changes", entityFlagChanges},
+        {"properties added", propertiesAdded},
+        {"properties renamed", propertiesRenamed},
+        {"properties removed", propertiesRemoved},
+        {"properties reordered", propertiesReordered},
+        {"property flag changes", propertyFlagChanges},
+        {"relations added", relationsAdded},
+        {"relations removed", relationsRemoved},
+        {"indexes added", indexesAdded},
+        {"indexes removed", indexesRemoved},
+        {"HNSW indexes added", hnswIndexesAdded},
+    };
+    std::string text;
+    for (const auto& [name, count] : counters) {
+        if (count == 0) continue;
+        if (!text.empty()) text += ", ";
+        text.append(name).append(": ").append(std::to_string(count));
+    }
+    return text;
+}
+
+SchemaSyncResult SchemaSync::syncSchema(const Bytes& modelBytes) {
     CHECK_ARG(modelBytes.hasBytes());
     const Model model = readAndVerify(modelBytes);
     verifyModelHash(model);
@@ -371,6 +399,7 @@ void SchemaSync::addIndex(Entity& entity, const std::shared_ptr<Property>& prope
 }
 
 void SchemaSync::removeIndex(Entity& entity, Property& property) {
+    catalogStore_.checkWritable();
     const uint32_t indexId = property.indexId();
     if (const Index* index = entity.findIndexById(indexId)) host_.removeIndexData(*index);
     if (!existing_->removeIndex(entity, indexId)) {
@@ -395,6 +424,7 @@ void SchemaSync::syncRelations(Entity& entity, const Entity& incoming) {
     }
     for (const auto& relation : storedRelations) {
         if (incoming.findRelationByUid(relation->uid())) continue;
+        catalogStore_.checkWritable();
         host_.removeRelationData(*relation);
         entity.removeRelation(*relation);
         ++result_.relationsRemoved;

@@ -34,6 +34,8 @@ struct SchemaSyncResult {
     uint32_t hnswIndexesAdded = 0;  // these count as indexes added, too
 
     bool any() const { return *this != SchemaSyncResult{}; }
+    // "entities added: 1, properties renamed: 2": what is not 0.
+    std::string text() const;
     bool operator==(const SchemaSyncResult&) const = default;
 };
 
@@ -49,9 +51,7 @@ public:
 
     // Writes nothing if the database has this very schema. On success the host may keep the schema
     // that it was given for the duration, on failure it has the former one back.
-    const SchemaSyncResult& syncSchema(const Bytes& modelBytes);
-
-    const SchemaSyncResult& result() const { return result_; }
+    SchemaSyncResult syncSchema(const Bytes& modelBytes);
 
 private:
     void createSchema(const Model& model);

@@ -76,9 +76,8 @@ void Collector::startTable() {
 
 template <class T>
 void Collector::addScalar(uint16_t flatOffset, T value) {
-    if (flatOffset > kMaxFlatOffset || builder_.GetSize() - start_ + 2 * sizeof(T) > kMaxTableSize) {
-        throwTooLarge();
-    }
+    const size_t tableSize = builder_.GetSize() - start_ + 2 * sizeof(T);
+    if (flatOffset > kMaxFlatOffset || tableSize > kMaxTableSize) throwTooLarge();
     builder_.AddElement(flatOffset, value);
 }
 

@@ -36,7 +36,7 @@ uint32_t checkedPrefix(uint32_t prefix) {
     return prefix;
 }
 
-[[noreturn, gnu::cold]] void throwUnexpectedKey(size_t size) {
+[[noreturn, gnu::cold, gnu::noinline]] void throwUnexpectedKey(size_t size) {
     throw DbFileCorruptException(
         (size < kPrefixSize ? "Corrupt entity partition, min key size violated: "
                             : "Unexpected key size: ") +
@@ -57,7 +57,7 @@ void copyWithScalar(const Bytes& object, uint16_t flatOffset, uint64_t value, By
     storeLittle(field, value);
 }
 
-[[noreturn, gnu::cold]] void throwPutRefused(int32_t mode, uint64_t id) {
+[[noreturn, gnu::cold, gnu::noinline]] void throwPutRefused(int32_t mode, uint64_t id) {
     if (mode == kPutInsert) {
         throwWith<IdAlreadyExistsException>("Insert failed, given ID already exists: ",
                                             std::to_string(id));
@@ -88,7 +88,6 @@ Cursor::Cursor(Transaction& tx, const Config& config)
       registered_(config.registered),
       trackSize_(entity_ && tx.trackDataSize()),
       allowAnyId_(config.allowAnyId) {
-    kv_.setPositionCallback(&Cursor::onPosition, this);
     if (!entity_) return;
     if (!readOnly_) refuseWithoutSync();
     if (!entity_->indexes().empty()) {
@@ -172,23 +171,29 @@ void Cursor::txGone() noexcept {
 
 // --- the place --------------------------------------------------------------------------------
 
-void Cursor::onPosition(void* context, const Bytes& key, PartitionCursor::Position position) {
-    auto& self = *static_cast<Cursor*>(context);
-    if (position == PartitionCursor::Position::On) [[likely]] {
-        self.takeKey(key);
-    } else {
-        self.id_ = position == PartitionCursor::Position::Behind ? kIdAllOnes : kNoId;
+// Of a move that may have found any key. An exact match needs no check.
+inline bool Cursor::checked(bool found) const {
+    if (found) {
+        const size_t size = kv_.key().size();
+        if (size != kShortKeySize && size != kLongKeySize) [[unlikely]] throwUnexpectedKey(size);
     }
+    return found;
 }
 
-inline void Cursor::takeKey(const Bytes& key) {
-    if (key.size() == kShortKeySize) [[likely]] {
-        id_ = loadBig<uint32_t>(key.data() + kPrefixSize);
-    } else if (key.size() == kLongKeySize) {
-        id_ = loadBig<uint64_t>(key.data() + kPrefixSize);
-    } else {
-        throwUnexpectedKey(key.size());
+// The ID of the current object; 0 before the first, all ones behind the last.
+uint64_t Cursor::place() const {
+    switch (kv_.position()) {
+        case PartitionCursor::Position::On:
+            break;
+        case PartitionCursor::Position::Behind:
+            return kIdAllOnes;
+        default:
+            return kNoId;
     }
+    checked(true);
+    const Bytes& key = kv_.key();
+    return key.size() == kShortKeySize ? loadBig<uint32_t>(key.data() + kPrefixSize)
+                                       : loadBig<uint64_t>(key.data() + kPrefixSize);
 }
 
 inline void Cursor::setKey(uint64_t id) {
@@ -210,7 +215,6 @@ void Cursor::moveTo(uint64_t id) {
         seek(id);
     } else if (id == kNoId) {
         kv_.setPartition(shortPrefix_, longPrefix_);
-        id_ = kNoId;
     } else {
         setKey(kHighestId);
         if (kv_.seekOrNext(keyBuffer_.data(), keySize_)) kv_.next();
@@ -225,11 +229,11 @@ bool Cursor::get(uint64_t id, Bytes& out) {
 }
 
 bool Cursor::first(Bytes& out) {
-    return kv_.first(out);
+    return checked(kv_.first(out));
 }
 
 bool Cursor::next(Bytes& out) {
-    return kv_.next(out);
+    return checked(kv_.next(out));
 }
 
 bool Cursor::seek(uint64_t id) {
@@ -239,28 +243,29 @@ bool Cursor::seek(uint64_t id) {
 
 bool Cursor::seekOrNext(uint64_t id) {
     setKey(id);
-    return kv_.seekOrNext(keyBuffer_.data(), keySize_);
+    return checked(kv_.seekOrNext(keyBuffer_.data(), keySize_));
 }
 
 uint64_t Cursor::seekFirstId() {
-    return kv_.first() ? id_ : kNoId;
+    return kv_.first() ? place() : kNoId;
 }
 
 uint64_t Cursor::seekNextId() {
-    return kv_.next() ? id_ : kNoId;
+    return kv_.next() ? place() : kNoId;
 }
 
 // An object that another cursor removed meanwhile is no longer current.
 uint64_t Cursor::currentId() {
-    if (!isObjectId(id_)) return id_;
-    return kv_.current() ? id_ : kNoId;
+    const uint64_t id = place();
+    return isObjectId(id) && !kv_.current() ? kNoId : id;
 }
 
 uint64_t Cursor::highestId() {
-    const uint64_t place = id_;
+    const uint64_t before = place();
     setKey(kHighestId);
-    const uint64_t highest = kv_.seekOrPrevious(keyBuffer_.data(), keySize_) ? id_ : kNoId;
-    moveTo(place);
+    const uint64_t highest =
+        kv_.seekOrPrevious(keyBuffer_.data(), keySize_) ? place() : kNoId;
+    moveTo(before);
     return highest;
 }
 
@@ -280,9 +285,9 @@ uint64_t Cursor::countThroughCache(uint64_t baseTx, uint64_t max) {
 }
 
 uint64_t Cursor::countObjects(uint64_t max) {
-    const uint64_t place = id_;
+    const uint64_t before = place();
     const uint64_t count = kv_.count(max);
-    moveTo(place);
+    moveTo(before);
     return count;
 }
 
@@ -377,7 +382,7 @@ bool Cursor::remove(uint64_t id) {
 }
 
 bool Cursor::removeCurrent() {
-    const uint64_t id = id_;
+    const uint64_t id = place();
     if (!isObjectId(id)) return false;
     Bytes old;
     if (indexCursorSet_ && kv_.currentValue(old)) indexCursorSet_->onRemove(id, old);
@@ -386,10 +391,11 @@ bool Cursor::removeCurrent() {
     if (!kv_.removeCurrent()) return false;
     if (trackSize_) tx_->addDataSizeChange(-checkedCast<int64_t>(oldSize));
     if (!entity_) return true;
-    const uint64_t place = id_;
+    const uint64_t following = place();
     removeOutgoing(id);
     removeIncoming(id);
-    if (id_ != place) moveTo(place);  // an object of this entity referred to the removed one
+    // An object of this entity may have referred to the removed one, and was put then.
+    if (place() != following) moveTo(following);
     tx_->entityAffected(entity_->id());
     return true;
 }

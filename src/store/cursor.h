@@ -126,8 +126,8 @@ public:
     Transaction& tx() const { return *tx_; }
 
 private:
-    static void onPosition(void* context, const Bytes& key, PartitionCursor::Position position);
-    void takeKey(const Bytes& key);
+    bool checked(bool found) const;
+    uint64_t place() const;
     void setKey(uint64_t id);
     void moveTo(uint64_t id);
     void refuseWithoutSync() const;
@@ -151,7 +151,6 @@ private:
     const Entity* const entity_;
     std::array<uint8_t, 12> keyBuffer_{};  // the key last asked for: prefix and ID
     size_t keySize_ = 0;
-    uint64_t id_ = 0;  // of the place; 0 before the first, all ones behind the last
     const uint32_t shortPrefix_;  // IDs of up to 32 bits
     const uint32_t longPrefix_;
     PartitionCursor kv_;

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "core/checks.h"
+#include "core/deref.h"
 #include "core/error.h"
 #include "core/feature.h"
 #include "core/flat_options.h"
@@ -143,7 +144,7 @@ ObjectStore::ObjectStore(const StoreOptions& options, std::shared_ptr<PathClaim>
       pathClaim_(std::move(claim)),
       listeners_(std::make_shared<ChangeListeners>()),
       maxDbSizeInKb_(options.maxDbSizeInKb),
-      maxDataSizeBytes_(options.maxDataSizeInKb * 1024),
+      maxDataSizeBytes_(bytesOfKb(options.maxDataSizeInKb)),
       debugFlags_(options.debugFlags),
       putPaddingMode_(static_cast<uint16_t>(options.putPaddingMode)),
       readOnly_(options.readOnly),
@@ -163,7 +164,8 @@ void ObjectStore::open(const StoreOptions& options) {
     provider->prepareDirectory(options);
     const std::string path = provider->canonicalPath(directory_);
     if (options.debugFlags & kDebugThreadSelfTest) {
-        const uint32_t threads = std::clamp(std::thread::hardware_concurrency(), 1u, kSelfTestMaxThreads);
+        const uint32_t threads =
+            std::clamp(std::thread::hardware_concurrency(), 1u, kSelfTestMaxThreads);
         runThreadSelfTest(1, kSelfTestLimitMillis, threads, true);
     }
     if (!options.backupFile.empty()) requireFeature(Feature::Backup);
@@ -196,13 +198,17 @@ void ObjectStore::validateOnOpen() {
 bool ObjectStore::syncSchema(const Bytes& modelBytes) {
     // Exempt, so that entities that are enabled for sync can be migrated.
     const auto tx = beginTx(readOnly_ ? TxMode::Read : TxMode::Write, kTxExempt);
+    SchemaSyncResult result;
     {
         StoreSchemaHost host(*tx);
-        SchemaSync(host).syncSchema(modelBytes);
+        result = SchemaSync(host).syncSchema(modelBytes);
     }
     if (readOnly_) return false;
     const bool changed = tx->changed();
     tx->commit();
+    if (result.any()) {
+        logLine("%s [INFO ] Schema updated: %s\n", logTimestamp(), result.text().c_str());
+    }
     return changed;
 }
 
@@ -237,7 +243,10 @@ void ObjectStore::takeHashes(const Catalog* catalog) {
 
 void ObjectStore::setSchema(std::shared_ptr<Schema> schema) {
     const std::lock_guard lock(schemaMutex_);
-    schema_.swap(schema);
+    if (schema && std::ranges::find(allSchemas_, schema) == allSchemas_.end()) {
+        allSchemas_.push_back(schema);
+    }
+    schema_ = std::move(schema);
 }
 
 std::shared_ptr<Schema> ObjectStore::schema() const {
@@ -272,7 +281,7 @@ std::weak_ptr<ObjectStore> ObjectStore::weakById(uint64_t id) {
 }
 
 bool ObjectStore::isOpen(const std::string& directory) {
-    return attach(directory) != nullptr;
+    return StoreRegistry::instance().isOpen(directory);
 }
 
 uint64_t ObjectStore::dbFileSize(const std::string& directory) {
@@ -291,6 +300,8 @@ ObjectStore::~ObjectStore() {
             dbExceptionListener_->storeDestroyed();
         } catch (const std::exception& e) {
             logLine("%s [ERROR] DB exception listener failed: %s\n", logTimestamp(), e.what());
+        } catch (...) {
+            logLine("%s [ERROR] DB exception listener failed\n", logTimestamp());
         }
     }
     close();
@@ -433,8 +444,7 @@ void ObjectStore::backUpToFile(const std::string& /*path*/, uint32_t /*flags*/) 
 // --- information ---------------------------------------------------------------------------------
 
 DbStore& ObjectStore::dbStore() const {
-    if (!dbStore_) throwIllegalState("Can not dereference a null pointer (unique)");
-    return *dbStore_;
+    return deref(dbStore_);
 }
 
 uint64_t ObjectStore::size() const {

@@ -90,6 +90,8 @@ public:
 
     // False if the database has no schema.
     bool readSchema(bool allowEmpty);
+    // The schema stays alive as long as the store, also after another one took its place. A schema
+    // that the store had before is set without a failure.
     void setSchema(std::shared_ptr<Schema> schema);
     std::shared_ptr<Schema> schema() const;  // empty if there is none
     // Throws "No schema set on store".
@@ -161,6 +163,8 @@ private:
     uint64_t id_ = 0;
     mutable std::mutex schemaMutex_;
     std::shared_ptr<Schema> schema_;
+    // Entity states, kists and cursors hold references into schemas.
+    std::vector<std::shared_ptr<Schema>> allSchemas_;
     Bytes bindingHash_, fullHash_, baseHash_;
     std::mutex entityStatesMutex_;
     EntityStates entityStates_;

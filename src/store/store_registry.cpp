@@ -87,17 +87,28 @@ void StoreRegistry::enter(const std::shared_ptr<ObjectStore>& store, const std::
 }
 
 std::shared_ptr<ObjectStore> StoreRegistry::find(const std::string& path) {
+    return isLive(path) ? storesByPath_.find(path)->second.lock() : nullptr;
+}
+
+bool StoreRegistry::isLive(const std::string& path) {
     const auto entry = storesByPath_.find(path);
-    if (entry == storesByPath_.end()) return nullptr;
-    std::shared_ptr<ObjectStore> store = entry->second.lock();
-    if (!store) storesByPath_.erase(entry);
-    return store;
+    if (entry == storesByPath_.end()) return false;
+    if (!entry->second.expired()) return true;
+    storesByPath_.erase(entry);
+    return false;
 }
 
 std::shared_ptr<ObjectStore> StoreRegistry::attach(const std::string& directory) {
     const std::string path = DbRegistry::instance().get(directory)->canonicalPath(directory);
     const std::lock_guard lock(mutex_);
     return find(path);
+}
+
+// Takes no reference: it might become the last one, and close the store here.
+bool StoreRegistry::isOpen(const std::string& directory) {
+    const std::string path = DbRegistry::instance().get(directory)->canonicalPath(directory);
+    const std::lock_guard lock(mutex_);
+    return isLive(path);
 }
 
 std::weak_ptr<ObjectStore> StoreRegistry::weakById(uint64_t id) {
@@ -115,11 +126,9 @@ bool StoreRegistry::removeDbFiles(const std::string& directory, bool removeDirec
     const auto provider = DbRegistry::instance().get(options.directory);
     const std::string path = provider->canonicalPath(options.directory);
 
-    std::shared_ptr<ObjectStore> store;  // outlives the lock
     const std::lock_guard lock(mutex_);
     if (!provider->removeDbFiles(options, removeDirectory)) return false;
-    store = find(path);
-    if (store) {
+    if (isLive(path)) {
         logLine("%s [INFO ] Removed files of shared store that's still open: %s\n", logTimestamp(),
                 path.c_str());
     }

@@ -25,6 +25,7 @@ public:
     std::shared_ptr<ObjectStore> attachOrOpen(const StoreOptions& options, bool* outAttached,
                                               bool checkMatchingOptions);
     std::shared_ptr<ObjectStore> attach(const std::string& directory);
+    bool isOpen(const std::string& directory);
     std::weak_ptr<ObjectStore> weakById(uint64_t id);
     bool removeDbFiles(const std::string& directory, bool removeDirectory);
 
@@ -32,6 +33,7 @@ private:
     StoreRegistry() = default;
     // Expect mutex_ to be held.
     std::shared_ptr<ObjectStore> find(const std::string& path);
+    bool isLive(const std::string& path);
     std::shared_ptr<ObjectStore> open(const StoreOptions& options, const std::string& path);
     void enter(const std::shared_ptr<ObjectStore>& store, const std::string& path);
 

@@ -9,12 +9,16 @@
 #include "core/log.h"
 #include "store/cursor.h"
 #include "store/object_store.h"
+#include "store/store_activity.h"
 
 namespace quillmere {
 
 ThreadTx::ThreadTx(ObjectStore& store, TxMode mode, const Entity* entity, bool existingRequired,
                    uint32_t flags)
-    : store_(store), threadNumber_(threadNumber()), write_(mode == TxMode::Write) {
+    : store_(store),
+      activity_(store.activity_),
+      threadNumber_(threadNumber()),
+      write_(mode == TxMode::Write) {
     entry_ = store_.threadTxEntry();
     if (entry_) {
         join(mode);
@@ -60,7 +64,7 @@ void ThreadTx::begin(TxMode mode, bool existingRequired, uint32_t flags) {
 }
 
 void ThreadTx::leaveTable() noexcept {
-    if (!std::exchange(inTable_, false)) return;
+    if (!std::exchange(inTable_, false) || activity_->storeClosed.load()) return;
     const std::lock_guard lock(store_.threadTxsMutex_);
     store_.threadTxs_.erase(threadNumber_);
 }
@@ -124,6 +128,11 @@ std::unique_ptr<Cursor> ThreadTx::createCursor(const Entity& entity) {
 Cursor& ThreadTx::cursor() {
     CHECK_STATE_AT(169, cursor_);
     return *cursor_;
+}
+
+ObjectStore& ThreadTx::store() const {
+    if (activity_->storeClosed.load()) throwWith<StoreClosedException>("Store is already closed");
+    return store_;
 }
 
 Transaction& ThreadTx::tx() {

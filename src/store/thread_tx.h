@@ -13,6 +13,7 @@ namespace quillmere {
 class Cursor;
 class Entity;
 class ObjectStore;
+struct StoreActivity;
 
 // The transaction that the handles of a thread share. It goes with its owner handle; nested handles
 // that outlive the owner find it gone.
@@ -44,7 +45,8 @@ public:
     Cursor& cursor();
     Transaction& tx();
 
-    ObjectStore& store() const { return store_; }
+    // Throws StoreClosedException if the store gave up waiting for this transaction and has gone.
+    ObjectStore& store() const;
     bool isOwner() const { return isOwner_; }
 
 private:
@@ -56,6 +58,7 @@ private:
     Transaction* shared() const { return entry_ ? entry_->tx.get() : nullptr; }
 
     ObjectStore& store_;
+    const std::shared_ptr<StoreActivity> activity_;  // tells whether the store is still there
     std::shared_ptr<ThreadTxEntry> entry_;  // shared with nested handles; empty once closed
     std::unique_ptr<Cursor> cursor_;
     const int32_t threadNumber_;

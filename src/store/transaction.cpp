@@ -136,6 +136,10 @@ void Transaction::requireOpenStore() const {
     store_.checkOpen(true);
 }
 
+void Transaction::requireStorage() const {
+    if (activity_->storeClosed.load()) throwWith<StoreClosedException>("Store is closed");
+}
+
 void Transaction::requireActive() const {
     if (!active_) {
         throwIllegalState("TX is not active anymore: #", static_cast<int64_t>(number_));
@@ -187,10 +191,14 @@ uint64_t Transaction::unlockWriteLock() noexcept {
 }
 
 void Transaction::releaseWriteLock() {
-    if (const uint64_t holder = unlockWriteLock(); holder != 0) {
-        throwIllegalState("Illegal writer number ", std::to_string(holder), ", expected ",
-                          std::to_string(number_));
+    if (const uint64_t otherHolder = unlockWriteLock(); otherHolder != 0) {
+        throwIllegalWriter(otherHolder);
     }
+}
+
+void Transaction::throwIllegalWriter(uint64_t holder) const {
+    throwIllegalState("Illegal writer number ", std::to_string(holder), ", expected ",
+                      std::to_string(number_));
 }
 
 // --- commit --------------------------------------------------------------------------------------
@@ -206,10 +214,7 @@ void Transaction::commit(std::vector<uint32_t>* outAffected) {
     const CommitInProgress inProgress(*activity_);
     const uint64_t otherHolder = unlockWriteLock();
     tellCursorsEnded();
-    if (otherHolder != 0) {
-        throwIllegalState("Illegal writer number ", std::to_string(otherHolder), ", expected ",
-                          std::to_string(number_));
-    }
+    if (otherHolder != 0) throwIllegalWriter(otherHolder);
     if (outAffected) *outAffected = affectedEntities_;
     fireListeners();
 }
@@ -277,7 +282,7 @@ void Transaction::abort() {
 void Transaction::abortInternal() {
     if (activity_->storeClosed.load()) {
         // The close has given up waiting for this transaction, and the engine's memory that the
-        // handle refers to is gone: it is left alone.
+        // handle refers to is gone: it can neither be ended nor destroyed any more.
         (void)dbTx_.release();
         active_ = recycled_ = false;
         return;
@@ -351,7 +356,7 @@ void Transaction::reset() {
 
 std::unique_ptr<Cursor> Transaction::createCursor(const Entity* entity, bool registered) {
     requireActive();
-    if (activity_->storeClosed.load()) throwWith<StoreClosedException>("Store is closed");
+    requireStorage();
     CHECK_ARG_NOT_NULL(entity);
     Cursor::Config config;
     config.entity = entity;
@@ -378,7 +383,8 @@ std::unique_ptr<Cursor> Transaction::addCursor(std::unique_ptr<Cursor> cursor, b
 }
 
 std::shared_ptr<DbCursor> Transaction::createDbCursor() {
-    CHECK_STATE_AT(569, dbTx_->isInProgress());
+    CHECK_STATE_TEXT_AT(569, dbTx_ && dbTx_->isInProgress(), "createDbCursor",
+                        "dbTx_->isInProgress()");
     return dbTx_->createDbCursor();
 }
 
@@ -409,6 +415,8 @@ void Transaction::entityAffected(uint32_t entityId) {
 }
 
 PartitionCursor& Transaction::sizeCursor() {
+    requireActive();
+    requireStorage();
     if (!sizeCursor_) {
         PartitionCursor::Config config;
         config.firstPrefix = kTotalSizePrefix;

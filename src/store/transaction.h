@@ -84,11 +84,13 @@ public:
 private:
     void sampleBase();
     void requireOpenStore() const;
+    void requireStorage() const;
     void beginWrite();
     void waitForWriteLock(uint64_t holder);
     // Gives another holder that was found instead, which means that the lock was not released.
     uint64_t unlockWriteLock() noexcept;
     void releaseWriteLock();
+    [[noreturn]] void throwIllegalWriter(uint64_t holder) const;
     void requireCommittable();
     void accountDataSize();
     void commitDbTransaction();

@@ -324,6 +324,15 @@ TEST_F(BadPaths, IllegalOptionValues) {
     EXPECT_FALSE(std::filesystem::exists(dir_.path("data.mdb"))) << "nothing was opened";
 }
 
+TEST_F(BadPaths, AnIllegalFileModeLeavesNoDirectoryBehind) {
+    const std::string directory = dir_.path("new");
+    QMR_store_options* opt = optionsFor(directory);
+    qmr_opt_file_mode(opt, 0);
+    EXPECT_EQ(nullptr, qmr_store_open(opt));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_ARGUMENT, "File mode option may not be zero"));
+    EXPECT_FALSE(std::filesystem::exists(directory));
+}
+
 class DamagedModels : public BadPaths {
 protected:
     void SetUp() override {

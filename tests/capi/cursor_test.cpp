@@ -39,7 +39,8 @@ protected:
         return objectText(data, kNoteText);
     }
     std::string get(uint64_t id) {
-        return textOf([&](auto data, auto size) { return qmr_cursor_get(cursor(), id, data, size); });
+        return textOf(
+            [&](auto data, auto size) { return qmr_cursor_get(cursor(), id, data, size); });
     }
     std::string first() {
         return textOf([&](auto data, auto size) { return qmr_cursor_first(cursor(), data, size); });
@@ -48,7 +49,8 @@ protected:
         return textOf([&](auto data, auto size) { return qmr_cursor_next(cursor(), data, size); });
     }
     std::string current() {
-        return textOf([&](auto data, auto size) { return qmr_cursor_current(cursor(), data, size); });
+        return textOf(
+            [&](auto data, auto size) { return qmr_cursor_current(cursor(), data, size); });
     }
     uint64_t count(uint64_t max = 0) {
         uint64_t count = ~uint64_t{0};
@@ -126,7 +128,7 @@ TEST_F(CursorFunctions, PutObjectDrawsIdsAndWritesThemIntoTheBuffer) {
 }
 
 TEST_F(CursorFunctions, WalkByIncreasingIdShortIdsFirst) {
-    for (const uint64_t id : {kLongId, uint64_t{7}, uint64_t{4294967295}, kLongId + 1, uint64_t{2}}) {
+    for (const uint64_t id : {kLongId, uint64_t{7}, kLongId - 1, kLongId + 1, uint64_t{2}}) {
         EXPECT_EQ(QMR_SUCCESS, put(id, std::to_string(id)));
     }
     const std::vector<std::string> order = {"2", "7", "4294967295", "4294967296", "4294967297"};
@@ -162,6 +164,8 @@ TEST_F(CursorFunctions, SeekAndCurrentIdFollowThePosition) {
     EXPECT_EQ("nine", next());
     EXPECT_EQ(QMR_SUCCESS, qmr_cursor_current_id(cursor(), nullptr));
     EXPECT_EQ("code 404", next());
+    EXPECT_EQ(QMR_SUCCESS, qmr_cursor_current_id(cursor(), &id));
+    EXPECT_EQ(~uint64_t{0}, id) << "behind the last object";
     EXPECT_EQ(QMR_NOT_FOUND, qmr_cursor_seek(cursor(), 6));
     EXPECT_EQ("nine", next()) << "a step after a missed seek continues from the key asked for";
     EXPECT_EQ(QMR_SUCCESS, qmr_cursor_seek_first_id(cursor(), nullptr));

@@ -18,7 +18,9 @@ public:
     }
     const QMR_bytes_array* objects() {
         records_.clear();
-        for (const ObjectBytes& object : objects_) records_.push_back({object.data(), object.size()});
+        for (const ObjectBytes& object : objects_) {
+            records_.push_back({object.data(), object.size()});
+        }
         objectArray_ = {records_.data(), records_.size()};
         return &objectArray_;
     }
@@ -107,6 +109,11 @@ TEST_F(KistFunctions, PutModesObeyWhatExists) {
 TEST_F(KistFunctions, PutNeedsAnIdAndPutObjectDrawsOne) {
     EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT, put(0, "x"));
     EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_ARGUMENT, "Illegal ID value: 0"));
+    EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT, put(~uint64_t{0}, "x"));
+    EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT, qmr_kist_remove(notes(), 0));
+    bool contains = false;
+    EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT, qmr_kist_contains(notes(), ~uint64_t{0}, &contains));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_ARGUMENT, "Illegal ID value: 18446744073709551615"));
     ObjectBytes object = makeNote(0, "drawn");
     EXPECT_EQ(1u, qmr_kist_put_object(notes(), object.data(), object.size()));
     EXPECT_EQ(1u, objectValue<uint64_t>(object.data(), 1));

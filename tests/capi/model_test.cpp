@@ -118,7 +118,9 @@ TEST_F(ModelFunctions, VectorIndexOptionsAreChecked) {
         };
     };
     const auto distance = [](uint32_t type) -> Call {
-        return [type](QMR_model* m) { return qmr_model_property_index_hnsw_distance_type(m, type); };
+        return [type](QMR_model* m) {
+            return qmr_model_property_index_hnsw_distance_type(m, type);
+        };
     };
     const Case cases[] = {
         {[](QMR_model* m) { return qmr_model_property_index_hnsw_dimensions(m, 0); }, "value > 0"},
@@ -163,8 +165,8 @@ TEST_F(ModelFunctions, ABuiltModelOpensAStore) {
     EXPECT_EQ(QMR_SUCCESS, qmr_model_property(model_, "id", QMRPropertyType_Long, 1, 201));
     EXPECT_EQ(QMR_SUCCESS, qmr_model_property_flags(model_, QMRPropertyFlags_ID));
     EXPECT_EQ(QMR_SUCCESS, qmr_model_property(model_, "capital", QMRPropertyType_Relation, 2, 202));
-    EXPECT_EQ(QMR_SUCCESS, qmr_model_property_flags(
-                               model_, QMRPropertyFlags_INDEXED | QMRPropertyFlags_INDEX_SKIP_ZERO));
+    const uint32_t indexed = QMRPropertyFlags_INDEXED | QMRPropertyFlags_INDEX_SKIP_ZERO;
+    EXPECT_EQ(QMR_SUCCESS, qmr_model_property_flags(model_, indexed));
     EXPECT_EQ(QMR_SUCCESS, qmr_model_property_relation(model_, "City", 2, 203));
     EXPECT_EQ(QMR_SUCCESS, qmr_model_entity_last_property_id(model_, 2, 202));
     EXPECT_EQ(QMR_SUCCESS, qmr_model_relation(model_, 1, 301, 1, 11));
@@ -196,7 +198,8 @@ TEST_F(ModelFunctions, UnfinishedModelsAreRefused) {
 
 TEST_F(ModelFunctions, WideTypesDoNotWrap) {
     EXPECT_EQ(QMR_SUCCESS, qmr_model_entity(model_, "City", 1, 11));
-    EXPECT_NE(QMR_SUCCESS, qmr_model_property(model_, "id", 0x10000 + QMRPropertyType_Long, 1, 101));
+    const uint32_t tooWide = 0x10000 + QMRPropertyType_Long;
+    EXPECT_EQ(QMR_ERROR_NUMERIC_OVERFLOW, qmr_model_property(model_, "id", tooWide, 1, 101));
     EXPECT_FALSE(noLastError());
 }
 

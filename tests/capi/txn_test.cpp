@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "capi/store_fixture.h"
+#include "support/expected_leak.h"
 
 namespace quillmere {
 namespace {
@@ -109,6 +110,25 @@ TEST_F(Transactions, DataSizeWithoutAccountingIsZero) {
     EXPECT_EQ(0u, committed);
     EXPECT_EQ(0, change);
     EXPECT_EQ(QMR_SUCCESS, qmr_txn_data_size(txn.get(), nullptr, nullptr));
+}
+
+TEST_F(Transactions, SurviveAsHandlesWhenTheStoreIsClosedUnderThem) {
+    putNote("x");
+    TxnPtr txn;
+    CursorPtr cursor;
+    {
+        const ExpectedLeak engineTransaction;
+        txn = read();
+        cursor.reset(qmr_cursor(txn.get(), kNote));
+    }
+    close();  // waits for the reader, but not forever
+    EXPECT_FALSE(qmr_store_is_open(dir_.path().c_str()));
+    EXPECT_EQ(nullptr, qmr_cursor(txn.get(), kNote));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_SHUTTING_DOWN, "Store is already closed"));
+    EXPECT_EQ(QMR_SUCCESS, qmr_cursor_close(cursor.release()));
+    EXPECT_EQ(QMR_SUCCESS, qmr_txn_close(txn.release()));
+    open();
+    EXPECT_EQ(1u, noteCount());
 }
 
 using ConcurrentTransactions = OpenStoreTest;

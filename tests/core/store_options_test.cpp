@@ -52,6 +52,12 @@ TEST(StoreOptions, ChecksAtOpen) {
     EXPECT_NO_THROW(checkStoreOptions(equalSizes));
 }
 
+TEST(StoreOptions, SizesBeyond64BitsAreCutAndNeverWrap) {
+    EXPECT_EQ(bytesOfKb(4), 4096u);
+    EXPECT_EQ(bytesOfKb(uint64_t{1} << 54), ~uint64_t{0} - 1023);
+    EXPECT_EQ(bytesOfKb(~uint64_t{0}), ~uint64_t{0} - 1023);
+}
+
 using flatbuffers::FlatBufferBuilder;
 using AddFields = std::function<void(FlatBufferBuilder&)>;
 

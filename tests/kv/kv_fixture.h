@@ -25,7 +25,6 @@ struct TestTx : TxContext {
         dbTx_->begin();
     }
     void commit() { dbTx_->commit(); }
-    void destroyDbTransaction() { dbTx_.reset(); }
 };
 
 struct StoreInDir {
@@ -59,6 +58,30 @@ struct StoreInDir {
     TempDir dir;
     StoreOptions options;
     std::unique_ptr<DbStore> store;
+};
+
+// A cursor over nothing that stays open whatever happens.
+class EmptyDbCursor : public DbCursor {
+public:
+    void release() override {}
+    bool isReleased() const override { return false; }
+    void close(bool) override {}
+    void renew() override {}
+    void detach() override {}
+    bool first(Bytes&, Bytes&) override { return false; }
+    bool next(Bytes&, Bytes&) override { return false; }
+    bool previous(Bytes&, Bytes&) override { return false; }
+    bool seek(const Bytes&) override { return false; }
+    bool seekOrNext(const Bytes&) override { return false; }
+    bool seekOrPrevious(const Bytes&) override { return false; }
+    bool get(const Bytes&, Bytes&) override { return false; }
+    bool getOrNext(const Bytes&, Bytes&) override { return false; }
+    bool getOrPrevious(const Bytes&, Bytes&) override { return false; }
+    bool current() override { return false; }
+    bool currentValue(Bytes&) override { return false; }
+    bool currentValueSize(size_t&) override { return false; }
+    void put(const void*, size_t, const void*, size_t) override {}
+    bool removeCurrent(bool&) override { return false; }
 };
 
 inline std::string bigEndian(uint32_t number) {

@@ -17,7 +17,7 @@ namespace {
 using Record = std::pair<std::string, std::string>;
 
 // Gives records as they stand, also such that no store would hold.
-class RecordCursor : public DbCursor {
+class RecordCursor : public EmptyDbCursor {
 public:
     explicit RecordCursor(std::vector<Record> records) : records_(std::move(records)) {}
 
@@ -29,23 +29,6 @@ public:
         ++at_;
         return give(outKey, outValue);
     }
-    void release() override {}
-    bool isReleased() const override { return true; }
-    void close(bool) override {}
-    void renew() override {}
-    void detach() override {}
-    bool previous(Bytes&, Bytes&) override { return false; }
-    bool seek(const Bytes&) override { return false; }
-    bool seekOrNext(const Bytes&) override { return false; }
-    bool seekOrPrevious(const Bytes&) override { return false; }
-    bool get(const Bytes&, Bytes&) override { return false; }
-    bool getOrNext(const Bytes&, Bytes&) override { return false; }
-    bool getOrPrevious(const Bytes&, Bytes&) override { return false; }
-    bool current() override { return false; }
-    bool currentValue(Bytes&) override { return false; }
-    bool currentValueSize(size_t&) override { return false; }
-    void put(const void*, size_t, const void*, size_t) override {}
-    bool removeCurrent(bool&) override { return false; }
 
 private:
     bool give(Bytes& outKey, Bytes& outValue) {
@@ -128,8 +111,10 @@ TEST(KvValidation, ReportsEachBreachOfTheLayout) {
     EXPECT_EQ(problemWith("\4", "123"), "invalid sync key size: too small");
     EXPECT_EQ(problemWith("\4\1", "12"), "invalid sync key size: too small");
     EXPECT_EQ(problemWith("\x08", "123"), "invalid relation key size: too small");
-    EXPECT_EQ(problemWith(prefixOf(2, 1, 1) + k8), "invalid key size in relation sub-partition 1/3");
-    EXPECT_EQ(problemWith(prefixOf(2, 1, 2) + k4), "invalid key size in relation sub-partition 0/2");
+    EXPECT_EQ(problemWith(prefixOf(2, 1, 1) + k8),
+              "invalid key size in relation sub-partition 1/3");
+    EXPECT_EQ(problemWith(prefixOf(2, 1, 2) + k4),
+              "invalid key size in relation sub-partition 0/2");
     EXPECT_EQ(problemWith(prefixOf(2, 1, 0) + k8, k4), "non-empty value for a relation entry");
     EXPECT_EQ(problemWith("\x18", "123"), "invalid object key size: too small");
     EXPECT_EQ(problemWith(prefixOf(6, 1, 2) + k4), "invalid object sub-partition: 2");

@@ -11,23 +11,11 @@
 #include "kv/lmdb/lmdb_store.h"
 #include "kv_fixture.h"
 #include "support/expect_throw.h"
+#include "support/expected_leak.h"
 #include "support/log_capture.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#endif
 
 namespace quillmere {
 namespace {
-
-// The engine's part of a read cursor that another thread closes is leaked by design.
-class ExpectedLeak {
-public:
-#if defined(__SANITIZE_ADDRESS__)
-    ExpectedLeak() { __lsan_disable(); }
-    ~ExpectedLeak() { __lsan_enable(); }
-#endif
-};
 
 class LmdbCursorTest : public testing::Test, protected StoreInDir {
 protected:

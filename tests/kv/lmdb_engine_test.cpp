@@ -501,7 +501,7 @@ TEST_F(DamageTest, isNamedByItsKindAndPage) {
     }
 }
 
-TEST_F(DamageTest, pageOfTheWrongKindEndsAWalkWithAnError) {
+TEST_F(DamageTest, pageOfTheWrongKindFailsTheTransaction) {
     EnvPtr env = open(MDB_RDONLY);
     openData();
     constexpr size_t kFlags = 10;
@@ -509,10 +509,14 @@ TEST_F(DamageTest, pageOfTheWrongKindEndsAWalkWithAnError) {
     for (size_t page = 2 * kPageSize; page < size_; page += kPageSize) {
         uint8_t flags = byteAt(page + kFlags);
         setByte(page + kFlags, 0);
+        TxnPtr txn = beginRead(env.get());
         try {
-            contents(env.get());
+            contents(txn.get());
         } catch (const std::runtime_error&) {
             failures++;
+            MDB_val key = toVal("key100000");
+            MDB_val value;
+            EXPECT_EQ(mdb_get(txn.get(), kMainDb, &key, &value), MDB_BAD_TXN);
         }
         setByte(page + kFlags, flags);
     }
@@ -585,6 +589,31 @@ TEST_F(DamageTest, fileThatWasCutGivesAnErrorInsteadOfABusError) {
     TxnPtr txn = beginRead(env.get());
     QmrFillStats fill;
     EXPECT_EQ(qmr_mdb_fill_stats(openCursor(txn.get()).get(), &fill), MDB_PAGE_NOTFOUND);
+}
+
+// The pages of a long value must belong to the snapshot, even if the file has more.
+TEST_F(DamageTest, longValueThatLeavesTheSnapshotIsNotGivenOut) {
+    constexpr uint32_t kValueSize = 5000;
+    constexpr std::string_view kKey = "key100007";
+    openData();
+    const auto wrongSize = static_cast<uint32_t>(size_);
+    std::string bytes(size_, '\0');
+    ASSERT_EQ(pread(fd_, bytes.data(), size_, 0), static_cast<ssize_t>(size_));
+    int found = 0;
+    for (size_t at = 0; (at = bytes.find(kKey, at)) != std::string::npos; at++) {
+        if (get<uint32_t>(at - 8) != kValueSize) continue;
+        set(at - 8, wrongSize);
+        found++;
+    }
+    ASSERT_GT(found, 0);
+    ASSERT_EQ(ftruncate(fd_, static_cast<off_t>(3 * size_)), 0);
+
+    EnvPtr env = open(MDB_RDONLY);
+    TxnPtr txn = beginRead(env.get());
+    MDB_val key = toVal(kKey);
+    MDB_val value;
+    EXPECT_EQ(mdb_get(txn.get(), kMainDb, &key, &value), MDB_PAGE_NOTFOUND);
+    EXPECT_EQ(mdb_get(txn.get(), kMainDb, &key, &value), MDB_BAD_TXN);
 }
 
 // Marks the leaf nodes of a key as holding duplicates, in all pages of the file.

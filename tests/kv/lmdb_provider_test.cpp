@@ -22,13 +22,11 @@ uint32_t modeOf(const std::string& path) {
 
 class LmdbProviderTest : public testing::Test, protected StoreInDir {
 protected:
-    LmdbProviderTest() {
-        options.directory = dir.path("store");
-        umask(0);
-    }
-    ~LmdbProviderTest() override { umask(022); }
+    LmdbProviderTest() { options.directory = dir.path("store"); }
+    ~LmdbProviderTest() override { umask(savedUmask); }
 
     LmdbProvider provider;
+    const mode_t savedUmask = umask(0);
 };
 
 TEST_F(LmdbProviderTest, PreparesADirectoryThatReadersCanEnter) {

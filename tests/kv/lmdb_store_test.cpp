@@ -18,6 +18,7 @@
 #include "kv_fixture.h"
 #include "support/expect_throw.h"
 #include "support/log_capture.h"
+#include "support/seed.h"
 
 namespace quillmere {
 namespace {
@@ -391,9 +392,7 @@ TEST_F(LmdbStoreTest, FlippedBytesGiveAnExceptionOrData) {
     options.readOnly = true;
     options.validatePagesLimit = ~uint64_t{0};
     options.validatePagesLeafLevel = true;
-    const uint32_t seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
+    std::mt19937 random(testSeed());
     const LogCapture log;  // of hundreds of failures
     size_t failed = 0;
     for (int round = 0; round < 1000; ++round) {

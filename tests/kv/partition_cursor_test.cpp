@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstdlib>
 #include <map>
 #include <random>
 #include <string>
@@ -15,6 +14,7 @@
 #include "kv_fixture.h"
 #include "support/expect_throw.h"
 #include "support/log_capture.h"
+#include "support/seed.h"
 
 namespace quillmere {
 namespace {
@@ -92,6 +92,25 @@ TEST_F(PartitionCursorTest, PadsValuesWithZerosAndKeepsNoLargeBuffer) {
         EXPECT_EQ(value.size() % 4, 0u);
     }
     EXPECT_TRUE(tx.changed());
+}
+
+TEST_F(PartitionCursorTest, FailedPutLeavesTheCursorOnNoElement) {
+    TestTx tx(*store);
+    PartitionCursor cursor(tx, config());
+    put(cursor, keyOf(kPrefix, 3));
+    put(cursor, keyOf(kPrefix, 1));
+    const std::string longKey = keyOf(kPrefix, 1) + std::string(512, 'k');
+    EXPECT_EQ(messageOf<StorageException>([&] { put(cursor, longKey); }),
+              "Could not put (bad key or value size)");
+    EXPECT_FALSE(cursor.current());
+    EXPECT_THROW(cursor.removeCurrent(), IllegalStateException);
+    EXPECT_TRUE(cursor.next());
+    EXPECT_EQ(keyText(cursor), keyOf(kPrefix, 3));
+    const std::string key = keyOf(kPrefix, 2);
+    EXPECT_EQ(messageOf<ArgumentNullException>(
+                  [&] { cursor.put(key.data(), key.size(), nullptr, 5); }),
+              "Can not put a null value with a size");
+    EXPECT_EQ(cursor.count(), 2u);
 }
 
 TEST_F(PartitionCursorTest, RemoveAllRemovesJustThePartitionAndCountsBytes) {
@@ -195,30 +214,7 @@ TEST_F(PartitionCursorTest, ContinuesFromItsKeyAfterItsTransactionWasRenewed) {
     EXPECT_THROW(cursor.first(), IllegalStateException);
 }
 
-// A cursor whose low-level part cannot be closed.
-class UnclosableCursor : public DbCursor {
-public:
-    void release() override {}
-    bool isReleased() const override { return false; }
-    void close(bool) override {}
-    void renew() override {}
-    void detach() override {}
-    bool first(Bytes&, Bytes&) override { return false; }
-    bool next(Bytes&, Bytes&) override { return false; }
-    bool previous(Bytes&, Bytes&) override { return false; }
-    bool seek(const Bytes&) override { return false; }
-    bool seekOrNext(const Bytes&) override { return false; }
-    bool seekOrPrevious(const Bytes&) override { return false; }
-    bool get(const Bytes&, Bytes&) override { return false; }
-    bool getOrNext(const Bytes&, Bytes&) override { return false; }
-    bool getOrPrevious(const Bytes&, Bytes&) override { return false; }
-    bool current() override { return false; }
-    bool currentValue(Bytes&) override { return false; }
-    bool currentValueSize(size_t&) override { return false; }
-    void put(const void*, size_t, const void*, size_t) override {}
-    bool removeCurrent(bool&) override { return false; }
-};
-
+// Its cursors cannot be closed.
 class UnclosableTransaction : public DbTransaction {
 public:
     explicit UnclosableTransaction(DbStore& store) : DbTransaction(true), store_(store) {}
@@ -231,7 +227,7 @@ public:
     void recycleReadOnlyForRenew() override {}
     void renewReadOnly() override {}
     std::shared_ptr<DbCursor> createDbCursor() override {
-        return std::make_shared<UnclosableCursor>();
+        return std::make_shared<EmptyDbCursor>();
     }
 
 private:
@@ -330,7 +326,7 @@ public:
         std::array<Pair, 3> pairs{{{{tx, config}, ModelCursor(records_)},
                                    {{tx, config}, ModelCursor(records_)},
                                    {{tx, config}, ModelCursor(records_)}}};
-        for (Pair& pair : pairs) pair.cursor.first(), pair.model.first();
+        for (Pair& pair : pairs) EXPECT_EQ(pair.cursor.first(), pair.model.first());
         const bool shrink = pick(3) == 0;
         for (int step = 0; step < steps && !testing::Test::HasFailure(); ++step) {
             Pair& pair = pairs[pick(pairs.size())];
@@ -405,11 +401,7 @@ private:
 };
 
 TEST_F(PartitionCursorTest, BehavesLikeASortedMapUnderRandomOperationsOfSeveralCursors) {
-    const char* const given = std::getenv("QUILLMERE_TEST_SEED");
-    const uint32_t seed = given ? static_cast<uint32_t>(std::strtoul(given, nullptr, 10))
-                                : std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    RandomOperations operations(*store, seed);
+    RandomOperations operations(*store, testSeed());
     for (int round = 0; round < 40 && !HasFailure(); ++round) operations.runTransaction(1000);
 }
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <latch>
 #include <new>
 #include <thread>
@@ -17,6 +18,7 @@
 #include "store/store_activity.h"
 #include "store/store_close.h"
 #include "store/thread_tx.h"
+#include "support/expected_leak.h"
 #include "support/hooked_provider.h"
 #include "support/log_capture.h"
 
@@ -363,10 +365,17 @@ TEST_F(LifecycleTest, transactionOutlivesAStoreThatGaveUpWaiting) {
     options.noReaderThreadLocals = true;
     StorePtr store = openStore(options);
     putMark(*store, 1);
-    auto reader = store->beginTx(TxMode::Read);
-    const auto marks = reader->createKeyValueCursor(kMarks);
-    auto recycled = store->beginTx(TxMode::Read);
-    const auto more = recycled->createKeyValueCursor(kMarks);
+    std::unique_ptr<Transaction> reader;
+    std::unique_ptr<Transaction> recycled;
+    std::unique_ptr<Cursor> marks;
+    std::unique_ptr<Cursor> more;
+    {
+        const ExpectedLeak engineTransactions;
+        reader = store->beginTx(TxMode::Read);
+        marks = reader->createKeyValueCursor(kMarks);
+        recycled = store->beginTx(TxMode::Read);
+        more = recycled->createKeyValueCursor(kMarks);
+    }
     recycled->recycle();
     {
         const LogCapture log;
@@ -380,9 +389,12 @@ TEST_F(LifecycleTest, transactionOutlivesAStoreThatGaveUpWaiting) {
     Entity entity(1, 1, "Any");
     expectThrow<StoreClosedException>("Store is closed", [&] { reader->createCursor(&entity); });
     expectThrow<StoreClosedException>("Store is already closed", [&] { recycled->renew(); });
+    expectThrow<StoreClosedException>("Store is closed", [&] { reader->getDataSize(); });
     reader->abort();
     expectThrow<IllegalStateException>("TX is not active anymore: #",
                                        [&] { reader->createKeyValueCursor(kMarks); });
+    expectThrow<IllegalStateException>("State condition failed in createDbCursor:569: ",
+                                       [&] { reader->createDbCursor(); });
     recycled.reset();
     reader.reset();
     EXPECT_EQ(countMarks(*openStore()), 1u);
@@ -409,37 +421,32 @@ TEST_F(ConcurrentLifecycleTest, closingWaitsForTheWriterInRounds) {
 }
 
 TEST_F(ConcurrentLifecycleTest, openWaitsUntilTheClosingStoreIsReallyClosed) {
-    StorePtr store = openStore(hooked());
-    auto tx = store->beginTx(TxMode::Write);
-    tx->createKeyValueCursor(kMarks)->putRaw(1, "mark", 4);
+    const auto openWhileClosing = [&](uint64_t id, const std::function<StorePtr()>& openAgain) {
+        StorePtr store = openStore(hooked());
+        auto tx = store->beginTx(TxMode::Write);
+        tx->createKeyValueCursor(kMarks)->putRaw(id, "mark", 4);
 
-    const LogCapture log;
-    const std::string waiting = "Cannot close store yet: TX #" + std::to_string(tx->number()) +
-                                " is still active in thread " + std::to_string(threadNumber());
-    std::thread closer([&] { store.reset(); });
-    while (!log.contains(waiting)) std::this_thread::yield();
+        const LogCapture log;
+        const std::string waiting = "Cannot close store yet: TX #" + std::to_string(tx->number()) +
+                                    " is still active in thread " + std::to_string(threadNumber());
+        std::thread closer([&] { store.reset(); });
+        while (!log.contains(waiting)) std::this_thread::yield();
+        EXPECT_FALSE(ObjectStore::isOpen(dir_.path("db")));
 
-    EXPECT_FALSE(ObjectStore::isOpen(dir_.path("db")));
-    std::latch started(2);
-    std::thread opener([&] {
-        started.count_down();
-        EXPECT_EQ(countMarks(*openStore(hooked())), 1u) << "sees the commit it waited for";
-    });
-    std::thread creator([&] {  // may meet the opener's store, which is open by then
-        started.count_down();
-        try {
-            ObjectStore::create(hooked());
-        } catch (const IllegalStateException& e) {
-            EXPECT_EQ(e.message(), inUse());
-        }
-    });
-    started.wait();
-    tx->commit();
-    tx.reset();
-    closer.join();
-    opener.join();
-    creator.join();
-    EXPECT_EQ(HookedProvider::instance().mostOpenStores, 1);
+        std::latch started(1);
+        std::thread opener([&] {
+            started.count_down();
+            EXPECT_EQ(countMarks(*openAgain()), id) << "sees the commit it waited for";
+        });
+        started.wait();
+        tx->commit();
+        tx.reset();
+        closer.join();
+        opener.join();
+        EXPECT_EQ(HookedProvider::instance().mostOpenStores, 1);
+    };
+    openWhileClosing(1, [&] { return openStore(hooked()); });
+    openWhileClosing(2, [&] { return StorePtr(ObjectStore::create(hooked())); });
 }
 
 TEST_F(ConcurrentLifecycleTest, neverTwoEnvironmentsOnOnePath) {

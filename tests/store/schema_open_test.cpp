@@ -107,6 +107,35 @@ TEST_F(SchemaOpenTest, modelIsStoredAndReadBackWithoutIt) {
     EXPECT_EQ(lastEngineTx(), before) << "the same model changes nothing";
 }
 
+TEST_F(SchemaOpenTest, changesOfTheSchemaAreLogged) {
+    {
+        const LogCapture log;
+        open(options({}));
+        EXPECT_TRUE(log.contains("[INFO ] Schema updated: entities added: 1\n"));
+        open(options({.tag = true, .noteText = true}));
+        EXPECT_TRUE(log.contains("Schema updated: entities added: 1, properties added: 1\n"));
+    }
+    const LogCapture log;
+    open(options({.tag = true, .noteText = true}));
+    EXPECT_THROW(open(options({.noteText = true, .textType = PropertyType::Int})),
+                 SchemaException);
+    EXPECT_FALSE(log.contains("Schema updated")) << "neither without a change nor when refused";
+}
+
+TEST_F(SchemaOpenTest, schemasLiveAsLongAsTheStore) {
+    open(options({.tag = true}));
+    const std::weak_ptr<Schema> first = store_->schema();
+    EXPECT_TRUE(store_->readSchema(true));
+    EXPECT_NE(store_->schema(), first.lock());
+    const std::weak_ptr<Schema> second = store_->schema();
+    store_->setSchema(first.lock());
+    EXPECT_FALSE(first.expired());
+    EXPECT_FALSE(second.expired());
+    store_.reset();
+    EXPECT_TRUE(first.expired());
+    EXPECT_TRUE(second.expired());
+}
+
 TEST_F(SchemaOpenTest, opensFromModelBytesAlone) {
     const Bytes model = makeModel({});
     const auto store = ObjectStore::openWithModelBytes(model.data(), model.size(), dir_.path("db"),
@@ -184,6 +213,12 @@ TEST_F(SchemaOpenTest, readOnlyStoreTakesOnlyTheModelItHas) {
     open(reader);
     EXPECT_EQ(count(kNote), 1u);
     reader.modelBytes = makeModel({.noteText = true});
+    expectThrow<IllegalStateException>(
+        "Can not update schema when opening in read-only mode", [&] { open(reader); });
+    store_.reset();
+    open(options({.tag = true}));
+    put(kTag, 1);
+    reader.modelBytes = makeModel({});  // would remove Tag with its objects
     expectThrow<IllegalStateException>(
         "Can not update schema when opening in read-only mode", [&] { open(reader); });
     reader.modelBytes = {};

@@ -138,36 +138,15 @@ void LmdbCursor::unregister() {
 // ---- Moves --------------------------------------------------------------------------------------
 
 bool LmdbCursor::first(Bytes& outKey, Bytes& outValue) {
-    onKey_ = false;
-    if (!get(MDB_FIRST)) return false;
-    adoptKey();
-    outKey.setView(engineKey_.mv_data, engineKey_.mv_size);
-    outValue.setView(engineValue_.mv_data, engineValue_.mv_size);
-    return true;
+    return give(get(MDB_FIRST), outKey, outValue);
 }
 
 bool LmdbCursor::next(Bytes& outKey, Bytes& outValue) {
-    requireKey();
-    if (!(standsOnKey() ? get(MDB_NEXT) : moveBehindKey())) {
-        onKey_ = false;
-        return false;
-    }
-    adoptKey();
-    outKey.setView(engineKey_.mv_data, engineKey_.mv_size);
-    outValue.setView(engineValue_.mv_data, engineValue_.mv_size);
-    return true;
+    return give(standsOnKey() ? get(MDB_NEXT) : moveBehindKey(), outKey, outValue);
 }
 
 bool LmdbCursor::previous(Bytes& outKey, Bytes& outValue) {
-    requireKey();
-    if (!(standsOnKey() ? get(MDB_PREV) : moveBeforeKey())) {
-        onKey_ = false;
-        return false;
-    }
-    adoptKey();
-    outKey.setView(engineKey_.mv_data, engineKey_.mv_size);
-    outValue.setView(engineValue_.mv_data, engineValue_.mv_size);
-    return true;
+    return give(standsOnKey() ? get(MDB_PREV) : moveBeforeKey(), outKey, outValue);
 }
 
 bool LmdbCursor::seek(const Bytes& key) {
@@ -181,7 +160,10 @@ bool LmdbCursor::seekOrNext(const Bytes& key) {
 }
 
 bool LmdbCursor::seekOrPrevious(const Bytes& key) {
-    return moveToOrBefore(key);
+    if (moveTo(key, MDB_SET_KEY)) return true;
+    if (!get(MDB_PREV)) return false;  // the engine waits where the key would be
+    adoptKey();
+    return true;
 }
 
 bool LmdbCursor::get(const Bytes& key, Bytes& outValue) {
@@ -197,14 +179,13 @@ bool LmdbCursor::getOrNext(const Bytes& key, Bytes& outValue) {
 }
 
 bool LmdbCursor::getOrPrevious(const Bytes& key, Bytes& outValue) {
-    if (!moveToOrBefore(key)) return false;
+    if (!seekOrPrevious(key)) return false;
     outValue.setView(engineValue_.mv_data, engineValue_.mv_size);
     return true;
 }
 
 bool LmdbCursor::current() {
-    requireKey();
-    return moveToKey();
+    return standsOnKey() ? get(MDB_GET_CURRENT) : moveToKey();
 }
 
 bool LmdbCursor::currentValue(Bytes& outValue) {
@@ -237,7 +218,6 @@ void LmdbCursor::put(const void* keyData, size_t keySize, const void* valueData,
 }
 
 bool LmdbCursor::removeCurrent(bool& outHasNext) {
-    requireKey();
     outHasNext = false;
     if (!standsOnKey() && !moveToKey()) return false;
     CHECK_STATE_HERE(cursor_);
@@ -299,31 +279,38 @@ inline bool LmdbCursor::moveTo(const Bytes& key, MDB_cursor_op operation) {
     return true;
 }
 
-bool LmdbCursor::moveToOrBefore(const Bytes& key) {
-    if (moveTo(key, MDB_SET_KEY)) return true;
-    if (!get(MDB_PREV)) return false;  // the engine waits where the key would be
+inline bool LmdbCursor::give(bool moved, Bytes& outKey, Bytes& outValue) {
+    if (!moved) {
+        onKey_ = false;
+        return false;
+    }
     adoptKey();
+    outKey.setView(engineKey_.mv_data, engineKey_.mv_size);
+    outValue.setView(engineValue_.mv_data, engineValue_.mv_size);
+    return true;
+}
+
+bool LmdbCursor::moveToKey() {
+    requireKey();
+    engineKey_ = engineVal(key_.data(), key_.size());
+    if (!get(MDB_SET_KEY)) return false;
+    setOnKey();
     return true;
 }
 
 bool LmdbCursor::moveBehindKey() {
+    requireKey();
     engineKey_ = engineVal(key_.data(), key_.size());
     if (!get(MDB_SET_RANGE)) return false;
     return !sameBytes(engineKey_, key_) || get(MDB_NEXT);
 }
 
+// Whether the key is found or not, the engine then is where it belongs.
 bool LmdbCursor::moveBeforeKey() {
+    requireKey();
     engineKey_ = engineVal(key_.data(), key_.size());
-    get(MDB_SET_KEY);  // found or not, the engine is where the key belongs
+    get(MDB_SET_KEY);
     return get(MDB_PREV);
-}
-
-bool LmdbCursor::moveToKey() {
-    if (standsOnKey()) return get(MDB_GET_CURRENT);
-    engineKey_ = engineVal(key_.data(), key_.size());
-    if (!get(MDB_SET_KEY)) return false;
-    setOnKey();
-    return true;
 }
 
 }  // namespace quillmere

@@ -49,14 +49,15 @@ public:
 private:
     // One operation of the engine; false if it found nothing.
     bool get(MDB_cursor_op operation);
-    bool standsOnKey() const;
-    void setOnKey();
+    bool give(bool moved, Bytes& outKey, Bytes& outValue);
     bool moveTo(const Bytes& key, MDB_cursor_op operation);
-    bool moveToOrBefore(const Bytes& key);
-    bool moveBehindKey();
-    bool moveBeforeKey();
-    bool moveToKey();
     void adoptKey();
+    void setOnKey();
+    bool standsOnKey() const;
+    // For when the engine stands elsewhere. They need a key.
+    [[gnu::noinline]] bool moveToKey();
+    [[gnu::noinline]] bool moveBehindKey();
+    [[gnu::noinline]] bool moveBeforeKey();
     bool hasElementAfterRemoval();
     void closeHandle(bool warn, bool transactionGone);
     void unregister();

@@ -42,6 +42,8 @@ std::unique_ptr<DbStore> LmdbProvider::createStore(const StoreOptions& options) 
 }
 
 void LmdbProvider::prepareDirectory(const StoreOptions& options) {
+    if (pathExists(options.directory)) return;
+    checkStoreOptions(options);  // leaves no directory of an illegal mode behind
     quillmere::prepareDirectory(options.directory, directoryMode(options.fileMode));
 }
 

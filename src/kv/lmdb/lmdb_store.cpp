@@ -2,9 +2,7 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <limits>
 
 #include "core/checks.h"
 #include "core/error.h"
@@ -34,10 +32,6 @@ EngineCursor openCursor(const LmdbErrors& errors, MDB_txn* tx, MDB_dbi dbi, cons
     MDB_cursor* cursor = nullptr;
     errors.check(mdb_cursor_open(tx, dbi, &cursor), failure);
     return EngineCursor(cursor);
-}
-
-size_t mapSize(uint64_t kilobytes) {
-    return std::min<uint64_t>(kilobytes, std::numeric_limits<size_t>::max() / 1024) * 1024;
 }
 
 unsigned openFlags(const StoreOptions& options) {
@@ -105,7 +99,8 @@ void LmdbStore::openEnv(const StoreOptions& options) {
     env_ = env;
     checkOpen(created, "Could not create env for DB");
     CHECK_STATE_TEXT_AT(29, env, "LmdbStore", "dbEnv");
-    checkOpen(mdb_env_set_mapsize(env, mapSize(options.maxDbSizeInKb)), "Could not set max DB size");
+    checkOpen(mdb_env_set_mapsize(env, bytesOfKb(options.maxDbSizeInKb)),
+              "Could not set max DB size");
     if (options.maxReaders != 0) {
         checkOpen(mdb_env_set_maxreaders(env, options.maxReaders),
                   "Could not set max read transactions");
@@ -234,7 +229,8 @@ size_t LmdbStore::cleanStaleReaders() {
 }
 
 void LmdbStore::setNoMetaSync(bool flag) {
-    errors_.check(mdb_env_set_flags(env(), MDB_NOMETASYNC, flag), "Could not set no-meta-sync flag");
+    errors_.check(mdb_env_set_flags(env(), MDB_NOMETASYNC, flag),
+                  "Could not set no-meta-sync flag");
 }
 
 // ---- Transactions -------------------------------------------------------------------------------
@@ -266,8 +262,9 @@ uint64_t LmdbStore::validatePages(DbTransaction& transaction, uint64_t pageLimit
 
 uint64_t LmdbStore::validateAllPages(MDB_txn* tx, uint64_t pageLimit, bool checkLeafLevel,
                                      QmrPageValidation& outStats) const {
-    const uint64_t freePages = validatePages(kFreePagesDbi, tx, pageLimit, checkLeafLevel, outStats);
-    return freePages + validatePages(kMainDbi, tx, pageLimit, checkLeafLevel, outStats);
+    uint64_t checked = validatePages(kFreePagesDbi, tx, pageLimit, checkLeafLevel, outStats);
+    checked += validatePages(kMainDbi, tx, pageLimit, checkLeafLevel, outStats);
+    return checked;
 }
 
 uint64_t LmdbStore::validatePages(MDB_dbi dbi, MDB_txn* tx, uint64_t pageLimit,

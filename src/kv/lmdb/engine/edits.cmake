@@ -56,7 +56,7 @@ macro(edit_page_access)
   lmdb_edit(1 "if (pgno < txn->mt_next_pgno) {"
               "if (pgno < txn->mt_next_pgno && qmr_page_in_file(env, pgno)) {")
   lmdb_edit(1 "\n\tdata->mv_data = METADATA(omp);"
-              "\n	if (!qmr_overflow_in_file(mc, omp, pgno, data->mv_size)) return MDB_PAGE_NOTFOUND;
+              "\n	if ((rc = qmr_check_overflow(mc, omp, pgno, data->mv_size)) != 0) return rc;
 	data->mv_data = METADATA(omp);")
 endmacro()
 

@@ -29,7 +29,7 @@ static int qmr_page_size_valid(uint32_t page_size);
 static int qmr_writer_lock(MDB_env* env);
 static void qmr_writer_unlock(MDB_env* env);
 static int qmr_page_in_file(MDB_env* env, size_t page);
-static int qmr_overflow_in_file(MDB_cursor* mc, const MDB_page* first, size_t page, size_t size);
+static int qmr_check_overflow(MDB_cursor* mc, const MDB_page* first, size_t page, size_t size);
 static int qmr_corrupted(MDB_cursor* mc);
 static int qmr_no_sub_cursor(MDB_cursor* mc, const MDB_node* node);
 static int qmr_check_sub_cursor(MDB_cursor* mc);
@@ -210,26 +210,27 @@ static int qmr_page_in_file(MDB_env* env, size_t page) {
     return qmr_read_file_pages(env, &pages) == MDB_SUCCESS && page < pages;
 }
 
-static int qmr_overflow_in_file(MDB_cursor* mc, const MDB_page* first, size_t page, size_t size) {
-    MDB_env* env = mc->mc_txn->mt_env;
+/* The pages of a value that starts at a page: as mdb_page_get, also for the last of them. */
+static int qmr_check_overflow(MDB_cursor* mc, const MDB_page* first, size_t page, size_t size) {
+    MDB_txn* txn = mc->mc_txn;
+    MDB_env* env = txn->mt_env;
     const char* address = (const char*)first;
     if (address < env->me_map || address >= env->me_map + env->me_mapsize)
-        return 1; /* not written yet: the pages lie in memory of their own */
-    return qmr_page_in_file(env, page + (PAGEHDRSZ + size - 1) / env->me_psize);
+        return MDB_SUCCESS; /* not written yet: the pages lie in memory of their own */
+    size_t last = page + (PAGEHDRSZ + size - 1) / env->me_psize;
+    if (last < txn->mt_next_pgno && qmr_page_in_file(env, last))
+        return MDB_SUCCESS;
+    txn->mt_flags |= MDB_TXN_ERROR;
+    return MDB_PAGE_NOTFOUND;
 }
 
 /* --- Corruption guard ------------------------------------------------------------------------- */
 
-/* Whatever a write transaction did before, it must not be committed. */
-static void qmr_fail_write(MDB_cursor* mc) {
-    if (mc->mc_txn->mt_flags & MDB_TXN_RDONLY)
-        return;
+/* The cursor may have stopped half way between two leaves, where no operation may start; so the
+ * transaction fails, as it does in mdb_page_get. */
+static int qmr_corrupted(MDB_cursor* mc) {
     mc->mc_txn->mt_flags |= MDB_TXN_ERROR;
     mc->mc_flags &= ~C_INITIALIZED;
-}
-
-static int qmr_corrupted(MDB_cursor* mc) {
-    qmr_fail_write(mc);
     return MDB_CORRUPTED;
 }
 
@@ -241,7 +242,11 @@ static int qmr_no_sub_cursor(MDB_cursor* mc, const MDB_node* node) {
                 node->mn_lo, node->mn_hi, node->mn_flags, node->mn_ksize);
     else
         fprintf(stderr, "Severe error condition: xcursor and node are null.");
-    qmr_fail_write(mc);
+    /* Whatever a write transaction did before, it must not be committed. */
+    if (!(mc->mc_txn->mt_flags & MDB_TXN_RDONLY)) {
+        mc->mc_txn->mt_flags |= MDB_TXN_ERROR;
+        mc->mc_flags &= ~C_INITIALIZED;
+    }
     return MDB_BAD_TXN;
 }
 

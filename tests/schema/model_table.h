@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -15,30 +16,30 @@ namespace quillmere {
 // A data model as plain values that a test can change before it makes model bytes of them. It
 // writes them by itself, so that it also makes what ModelBuilder refuses or cannot express.
 struct PropertySpec {
-    std::string name;
+    std::string name = {};
     PropertyType type = PropertyType::Unknown;
-    IdUid id;
+    IdUid id = {};
     uint32_t flags = 0;
-    IdUid index;
-    std::string target;
-    std::string virtualTarget;
-    std::string secondaryName;
-    std::optional<HnswOptions> hnsw;
+    IdUid index = {};
+    std::string target = {};
+    std::string virtualTarget = {};
+    std::string secondaryName = {};
+    std::optional<HnswOptions> hnsw = {};
 };
 
 struct RelationSpec {
-    IdUid id;
-    IdUid target;
+    IdUid id = {};
+    IdUid target = {};
 };
 
 struct EntitySpec {
-    std::string name;
-    IdUid id;
-    std::vector<PropertySpec> properties;
-    IdUid lastPropertyId;
-    std::vector<RelationSpec> relations;
+    std::string name = {};
+    IdUid id = {};
+    std::vector<PropertySpec> properties = {};
+    IdUid lastPropertyId = {};
+    std::vector<RelationSpec> relations = {};
     uint32_t flags = 0;
-    std::string externalName;
+    std::string externalName = {};
 
     PropertySpec& property(const std::string& wanted) {
         for (PropertySpec& property : properties) {
@@ -55,7 +56,7 @@ struct EntitySpec {
     }
 };
 
-struct ModelSpec {
+struct ModelTable {
     std::vector<EntitySpec> entities;
     IdUid lastEntityId;
     IdUid lastIndexId;
@@ -75,26 +76,24 @@ struct ModelSpec {
     Bytes build() const;
 };
 
-namespace model_spec {
-
-using namespace model_format;
-
-inline void addIdUid(TableWriter& table, uint32_t field, const IdUid& value) {
-    if (!value.empty()) table.structure(field, IdUidField(value));
+inline void writeIdUid(TableWriter& table, uint32_t field, const IdUid& value) {
+    if (!value.empty()) table.structure(field, model_format::IdUidField(value));
 }
 
-inline TableOffset write(flatbuffers::FlatBufferBuilder& builder, const PropertySpec& property) {
+inline TableOffset writeSpec(flatbuffers::FlatBufferBuilder& builder,
+                             const PropertySpec& property) {
+    using namespace model_format;
     const auto name = createText(builder, property.name);
     const auto target = createText(builder, property.target);
     const auto virtualTarget = createText(builder, property.virtualTarget);
     const auto secondaryName = createText(builder, property.secondaryName);
     const auto hnsw = property.hnsw ? writeHnswTable(builder, *property.hnsw) : TableOffset();
     TableWriter table(builder);
-    addIdUid(table, kPropertyIdUid, property.id);
+    writeIdUid(table, kPropertyIdUid, property.id);
     table.offset(kPropertyName, name);
     table.scalar(kPropertyType, static_cast<uint16_t>(property.type));
     table.scalar(kPropertyFlagsWord, property.flags);
-    addIdUid(table, kPropertyIndex, property.index);
+    writeIdUid(table, kPropertyIndex, property.index);
     table.offset(kPropertyTargetEntity, target);
     table.offset(kPropertyVirtualTarget, virtualTarget);
     table.offset(kPropertySecondaryName, secondaryName);
@@ -102,53 +101,54 @@ inline TableOffset write(flatbuffers::FlatBufferBuilder& builder, const Property
     return table.finish();
 }
 
-inline TableOffset write(flatbuffers::FlatBufferBuilder& builder, const RelationSpec& relation) {
+inline TableOffset writeSpec(flatbuffers::FlatBufferBuilder& builder,
+                             const RelationSpec& relation) {
+    using namespace model_format;
     TableWriter table(builder);
-    addIdUid(table, kRelationId, relation.id);
-    addIdUid(table, kRelationTarget, relation.target);
+    writeIdUid(table, kRelationId, relation.id);
+    writeIdUid(table, kRelationTarget, relation.target);
     return table.finish();
 }
 
 template <class Spec>
-auto writeAll(flatbuffers::FlatBufferBuilder& builder, const std::vector<Spec>& specs) {
+auto writeSpecs(flatbuffers::FlatBufferBuilder& builder, const std::vector<Spec>& specs) {
     std::vector<TableOffset> tables;
-    for (const Spec& spec : specs) tables.push_back(write(builder, spec));
+    for (const Spec& spec : specs) tables.push_back(writeSpec(builder, spec));
     return createTables(builder, tables);
 }
 
-inline TableOffset write(flatbuffers::FlatBufferBuilder& builder, const EntitySpec& entity) {
+inline TableOffset writeSpec(flatbuffers::FlatBufferBuilder& builder, const EntitySpec& entity) {
+    using namespace model_format;
     const auto name = createText(builder, entity.name);
     const auto externalName = createText(builder, entity.externalName);
-    const auto properties = writeAll(builder, entity.properties);
-    const auto relations = writeAll(builder, entity.relations);
+    const auto properties = writeSpecs(builder, entity.properties);
+    const auto relations = writeSpecs(builder, entity.relations);
     TableWriter table(builder);
-    addIdUid(table, kEntityId, entity.id);
+    writeIdUid(table, kEntityId, entity.id);
     table.offset(kEntityName, name);
     table.offset(kEntityProperties, properties);
-    addIdUid(table, kEntityLastPropertyId, entity.lastPropertyId);
+    writeIdUid(table, kEntityLastPropertyId, entity.lastPropertyId);
     table.offset(kEntityRelations, relations);
     table.scalar(kEntityFlags, entity.flags);
     table.offset(kEntityExternalName, externalName);
     return table.finish();
 }
 
-}  // namespace model_spec
-
-inline Bytes ModelSpec::build() const {
-    using namespace model_spec;
+inline Bytes ModelTable::build() const {
+    using namespace model_format;
     flatbuffers::FlatBufferBuilder builder;
     const auto nameOffset = createText(builder, name);
-    const auto entitiesOffset = writeAll(builder, entities);
+    const auto entitiesOffset = writeSpecs(builder, entities);
     const auto hashOffset = hash.empty() ? 0 : builder.CreateVector(hash.data(), hash.size());
     TableWriter table(builder);
     table.scalar(kModelVersionField, version);
     table.offset(kModelName, nameOffset);
     table.scalar(kModelUserVersion, userVersion);
     table.offset(kModelEntities, entitiesOffset);
-    addIdUid(table, kModelLastEntityId, lastEntityId);
-    addIdUid(table, kModelLastIndexId, lastIndexId);
-    addIdUid(table, kModelFourthLastId, fourthLastId);
-    addIdUid(table, kModelLastRelationId, lastRelationId);
+    writeIdUid(table, kModelLastEntityId, lastEntityId);
+    writeIdUid(table, kModelLastIndexId, lastIndexId);
+    writeIdUid(table, kModelFourthLastId, fourthLastId);
+    writeIdUid(table, kModelLastRelationId, lastRelationId);
     table.offset(kModelHash, hashOffset);
     return finishedBytes(builder, table.finish());
 }
@@ -159,8 +159,8 @@ inline PropertySpec idProperty(uint64_t uid) {
 
 // Books with a unique indexed title, a to-one relation to their author and a many-to-many relation
 // to shelves; authors and shelves with an ID and a name.
-inline ModelSpec libraryModel() {
-    ModelSpec model;
+inline ModelTable libraryModel() {
+    ModelTable model;
     EntitySpec author{.name = "Author", .id = {1, 100}, .properties = {idProperty(101)}};
     author.add({.name = "name", .type = PropertyType::String, .id = {2, 102}});
     EntitySpec book{.name = "Book", .id = {2, 200}, .properties = {idProperty(201)}};
