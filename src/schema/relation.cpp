@@ -13,7 +13,7 @@ Relation::Relation(uint32_t id, uint64_t uid, uint32_t sourceEntityId, uint32_t 
 
 std::string Relation::text() const {
     return "Relation " + std::to_string(id_) + " (from entity " + std::to_string(sourceEntityId_) +
-           ")";
+           " to " + std::to_string(targetEntityId_) + ")";
 }
 
 }  // namespace quillmere

@@ -15,7 +15,7 @@ public:
     uint64_t uid() const { return uid_; }
     uint32_t sourceEntityId() const { return sourceEntityId_; }
     uint32_t targetEntityId() const { return targetEntityId_; }
-    // "Relation 3 (from entity 1)"
+    // "Relation 3 (from entity 1 to 2)"
     std::string text() const;
 
 private:

@@ -417,7 +417,8 @@ bool Cursor::removeCurrent() {
     const uint64_t following = place();
     removeOutgoing(id);
     removeIncoming(id);
-    if (place() != following) moveTo(following);  // an object of this entity referred to it
+    // An object of this entity may have referred to the removed one, and was put then.
+    if (place() != following) moveTo(following);
     tx_->entityAffected(entity_->id());
     return true;
 }

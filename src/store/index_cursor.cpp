@@ -82,17 +82,17 @@ PartitionCursor::Config partitionOf(const Index& index) {
     return config;
 }
 
-[[noreturn, gnu::cold]] void throwUnsupported(const char* what, PropertyType type) {
+[[noreturn, gnu::cold, gnu::noinline]] void throwUnsupported(const char* what, PropertyType type) {
     if (type == PropertyType::Float) throwException("Float indexes are currently not supported");
     if (type == PropertyType::Double) throwException("Double indexes are currently not supported");
     throwIllegalArgument(what, static_cast<int64_t>(type));
 }
 
-[[noreturn, gnu::cold]] void throwEntrySize(size_t size) {
+[[noreturn, gnu::cold, gnu::noinline]] void throwEntrySize(size_t size) {
     throwWith<DbFileCorruptException>("Illegal index entry size: ", std::to_string(size));
 }
 
-[[noreturn, gnu::cold]] void throwUniqueViolation(const Property& property, uint64_t id,
+[[noreturn, gnu::cold, gnu::noinline]] void throwUniqueViolation(const Property& property, uint64_t id,
                                                   uint64_t holder, const Cursor& cursor) {
     throwWith<UniqueViolationException>(
         "Unique constraint for ", cursor.entity() ? cursor.entity()->name() + "." : std::string(),

@@ -104,15 +104,19 @@ void RelationCursor::setKey(uint64_t firstId, uint64_t secondId, bool reverse) {
     keySize_ = static_cast<size_t>(end - keyBuffer_.data());
 }
 
+void RelationCursor::putKey() {
+    kv_.put(keyBuffer_.data(), keySize_, "", 0);  // the engine takes no null value
+}
+
 bool RelationCursor::removeKey() {
     return kv_.seek(keyBuffer_.data(), keySize_) && kv_.removeCurrent();
 }
 
 void RelationCursor::put(uint64_t sourceId, uint64_t targetId) {
     setKey(sourceId, targetId, false);
-    kv_.put(keyBuffer_.data(), keySize_, nullptr, 0);
+    putKey();
     setKey(targetId, sourceId, true);
-    kv_.put(keyBuffer_.data(), keySize_, nullptr, 0);
+    putKey();
 }
 
 bool RelationCursor::remove(uint64_t sourceId, uint64_t targetId) {

@@ -53,6 +53,7 @@ public:
 
 private:
     void setKey(uint64_t firstId, uint64_t secondId, bool reverse);
+    void putKey();
     bool removeKey();
 
     const Relation& relation_;

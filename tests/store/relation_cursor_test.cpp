@@ -173,7 +173,7 @@ TEST_F(RelationCursorTest, AKeyOfAWrongLengthIsReported) {
     uint8_t key[20] = {};
     storeBig(key, partitionPrefix(PartitionType::Relation, kToTags));
     storeBig(key + 4, uint32_t{1});
-    PartitionCursor(*tx_, wholePartition()).put(key, sizeof key, nullptr, 0);
+    PartitionCursor(*tx_, wholePartition()).put(key, sizeof key, "", 0);
     EXPECT_EQ(messageOf<DbFileCorruptException>([&] { ids(toTags(), 1, false); }),
               "Unexpected entity ID size: 12");
     EXPECT_EQ(messageOf<DbFileCorruptException>([&] { toTags().removeAllFor(1, false); }),
