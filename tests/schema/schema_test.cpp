@@ -157,7 +157,7 @@ TEST(Schema, LinksEntities) {
     ASSERT_EQ(linked.target->incomingToOne().size(), 1u);
     EXPECT_EQ(linked.target->incomingToOne()[0], &toTarget);
     ASSERT_EQ(linked.target->incomingRelations().size(), 1u);
-    EXPECT_EQ(linked.target->incomingRelations()[0]->text(), "Relation 1 (from entity 1)");
+    EXPECT_EQ(linked.target->incomingRelations()[0]->text(), "Relation 1 (from entity 1 to 2)");
     EXPECT_EQ(&linked.schema.indexById(1).property(), &toTarget);
     EXPECT_EQ(linked.schema.findRelationById(1)->targetEntityId(), 2u);
     EXPECT_EQ(messageOf<SchemaException>([&] { linked.schema.entityById(9); }),

@@ -95,7 +95,7 @@ TEST(SchemaVerify, ChecksRelations) {
     EXPECT_EQ(schemaFailure([](ModelTable& m) {
                   m.entity("Book").relations[0].target = {9, 999};
               }),
-              "No entity type found for relation target: Relation 1 (from entity 2)");
+              "No entity type found for relation target: Relation 1 (from entity 2 to 9)");
     EXPECT_EQ(schemaFailure([](ModelTable& m) { bookProperty(m, "pages").flags = 0x400; }),
               "Virtual properties are only supported for type relation: pages");
     EXPECT_EQ(schemaFailure([](ModelTable& m) { bookProperty(m, "authorId").flags |= 0x400; }),
@@ -161,7 +161,7 @@ TEST(ModelIds, AreUnique) {
     EXPECT_EQ(idFailure([](ModelTable& m) { bookProperty(m, "title").index.uid = 100; }),
               "Duplicate UID 100 found in index for property title");
     EXPECT_EQ(idFailure([](ModelTable& m) { m.entity("Book").relations[0].id.uid = 100; }),
-              "Duplicate UID 100 found in relation Relation 1 (from entity 2)");
+              "Duplicate UID 100 found in relation Relation 1 (from entity 2 to 3)");
     EXPECT_EQ(idFailure([](ModelTable& m) {
                   m.entity("Shelf").relations = {{.id = {1, 802}, .target = {3, 300}}};
               }),
