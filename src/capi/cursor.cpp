@@ -49,7 +49,7 @@ qmr_id putObjectWithMode(QMR_cursor* cursor, void* data, size_t size, int32_t mo
 const Property& getProperty(const QMR_cursor* cursor, qmr_schema_id entityId,
                             qmr_schema_id propertyId) {
     CHECK_STATE_TEXT_AT(232, cursor->cursor, __func__, "cursor->cursor");
-    const auto schema = cursor->cursor->tx().store().requireSchema();
+    const auto schema = liveTx(*cursor).store().requireSchema();
     return schema->entityById(entityId).propertyById(propertyId);
 }
 

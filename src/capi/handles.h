@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "core/bytes.h"
+#include "core/error.h"
 #include "core/hash.h"
 #include "quillmere/quillmere.h"
 #include "store/cursor.h"
@@ -57,6 +58,12 @@ struct QMR_observer {
 };
 
 namespace quillmere {
+
+// The transaction of a cursor. Throws IllegalStateException once it is closed.
+inline Transaction& liveTx(const QMR_cursor& cursor) {
+    if (!cursor.cursor->txAlive()) throwIllegalState("Transaction of the cursor is closed");
+    return cursor.cursor->tx();
+}
 
 // A new record on the store, or null for an empty pointer.
 inline QMR_store* makeStoreRecord(std::shared_ptr<ObjectStore> store) {

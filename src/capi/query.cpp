@@ -36,8 +36,7 @@ private:
 Cursor& usableCursor(const QMR_query* query, const QMR_cursor* cursor) {
     CHECK_STATE(cursor->cursor);
     const ObjectStore& store = usableStore(*query->query, query->store);
-    if (!cursor->cursor->txAlive()) throwIllegalState("Transaction of the cursor is closed");
-    if (&cursor->cursor->tx().store() != &store) {
+    if (&liveTx(*cursor).store() != &store) {
         throwIllegalArgument("The given cursor is of another store than the query");
     }
     return *cursor->cursor;

@@ -105,7 +105,7 @@ void RelationCursor::setKey(uint64_t firstId, uint64_t secondId, bool reverse) {
 }
 
 void RelationCursor::putKey() {
-    kv_.put(keyBuffer_.data(), keySize_, "", 0);  // the engine takes no null value
+    kv_.put(keyBuffer_.data(), keySize_, nullptr, 0);
 }
 
 bool RelationCursor::removeKey() {

@@ -208,7 +208,7 @@ void LmdbCursor::put(const void* keyData, size_t keySize, const void* valueData,
     CHECK_STATE_HERE(cursor_);
     onKey_ = false;
     engineKey_ = engineVal(keyData, keySize);
-    engineValue_ = engineVal(valueData, valueSize);
+    engineValue_ = engineVal(valueData ? valueData : "", valueSize);  // it copies from it
     const int result = mdb_cursor_put(cursor_, &engineKey_, &engineValue_, 0);
     store_.errors().check(result, readOnly_ ? "Cannot put in a read-only transaction"
                                             : "Could not put");
