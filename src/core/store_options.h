@@ -27,6 +27,7 @@ enum DebugFlags : uint32_t {
     kDebugLogCacheAll = 64,
     kDebugStorageFailures = 256,  // storage failure mode 2
     kDebugThreadSelfTest = 512,
+    kDebugWal = 1024,  // steps of the write-ahead log and of snapshots
 };
 
 enum PutPaddingMode : uint16_t {

@@ -26,6 +26,7 @@ struct DbStats {
 
 enum DbTxFlags : uint32_t {
     kTxExempt = 1,  // exempt from the sync check and from the data size limit
+    kTxNoWal = 2,   // not written to the write-ahead log: what loads the log uses it
 };
 
 // Shared by any number of threads. Closed by close() or destruction, which must not happen while a
