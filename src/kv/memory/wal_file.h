@@ -20,20 +20,14 @@ class DbStore;
 class DbTransaction;
 class WalReader;
 
-// How a WAL behaves. Bits of the option of the same name.
-enum WalFlags : uint32_t {
-    kWalEnabled = 1,
-    kWalSync = 2,  // each record is brought to disk before its commit ends
-};
-
 // Owned by a WalStorage, which tells its threads. Every failure of the file system is an
 // IoException, but for a failed sync, which is logged.
 class WalFile {
 public:
     struct Config {
         std::string path;
-        uint32_t flags = 0;  // WalFlags
         uint32_t fileMode = 0644;
+        bool syncs = false;     // each record reaches the disk before its commit ends
         bool readOnly = false;  // the file is replayed and left as it is
         bool verbose = false;
     };
@@ -87,8 +81,6 @@ private:
     void append(const void* data, size_t size);
     void truncate(uint64_t size);
     void syncOrFlush();
-    bool syncs() const { return config_.flags & kWalSync; }
-
     const Config config_;
     std::FILE* file_ = nullptr;
     uint64_t fileEnd_ = 0;   // behind the last complete record
