@@ -30,6 +30,11 @@ enum DebugFlags : uint32_t {
     kDebugWal = 1024,  // steps of the write-ahead log and of snapshots
 };
 
+enum WalFlags : uint32_t {
+    kWalEnabled = 1,
+    kWalSync = 2,  // each commit reaches the disk
+};
+
 enum PutPaddingMode : uint16_t {
     kPaddingNone = 1,        // stored with the size given
     kPaddingAutomatic = 2,   // size rounded up; the bytes behind it must be readable

@@ -31,7 +31,7 @@ class LifecycleTest : public ::testing::Test {
 protected:
     StoreOptions options(const std::string& name = "db") {
         StoreOptions result;
-        result.directory = dir_.path(name);
+        result.directory = dir_.storePath(name);
         return result;
     }
     StoreOptions hooked() {
@@ -69,7 +69,7 @@ TEST_F(LifecycleTest, pathThatIsOpenCannotBeOpenedAgain) {
     const StorePtr store = openStore();
     expectThrow<IllegalStateException>(inUse(), [&] { openStore(); });
     StoreOptions detour = options();
-    detour.directory = dir_.path("db/../db/.");
+    detour.directory = dir_.storePath("db/../db/.");
     expectThrow<IllegalStateException>(inUse(), [&] { openStore(detour); });
     expectThrow<IllegalStateException>(inUse(), [&] { ObjectStore::create(options()); });
     putMark(*store, 1);
@@ -79,14 +79,14 @@ TEST_F(LifecycleTest, pathThatIsOpenCannotBeOpenedAgain) {
 TEST_F(LifecycleTest, storeOutsideTheRegistryHoldsItsPathToo) {
     auto created = ObjectStore::create(options());
     EXPECT_EQ(created->id(), 0u);
-    EXPECT_FALSE(ObjectStore::isOpen(dir_.path("db")));
+    EXPECT_FALSE(ObjectStore::isOpen(dir_.storePath("db")));
     expectThrow<IllegalStateException>(inUse(), [&] { openStore(); });
     created.reset();
     EXPECT_NE(openStore()->id(), 0u);
 }
 
 TEST_F(LifecycleTest, attachesByPathAndById) {
-    EXPECT_EQ(ObjectStore::attach(dir_.path("db")), nullptr);
+    EXPECT_EQ(ObjectStore::attach(dir_.storePath("db")), nullptr);
     EXPECT_EQ(ObjectStore::attachById(~uint64_t{0}), nullptr);
     bool attached = true;
     StorePtr store = ObjectStore::attachOrOpen(options(), &attached);
@@ -94,13 +94,13 @@ TEST_F(LifecycleTest, attachesByPathAndById) {
     const uint64_t id = store->id();
     EXPECT_EQ(ObjectStore::attachOrOpen(options(), &attached), store);
     EXPECT_TRUE(attached);
-    EXPECT_EQ(ObjectStore::attach(dir_.path("db/")), store);
+    EXPECT_EQ(ObjectStore::attach(dir_.storePath("db/")), store);
     EXPECT_EQ(ObjectStore::attachById(id), store);
     EXPECT_EQ(ObjectStore::weakById(id).lock(), store);
-    EXPECT_TRUE(ObjectStore::isOpen(dir_.path("db")));
+    EXPECT_TRUE(ObjectStore::isOpen(dir_.storePath("db")));
 
     store.reset();
-    EXPECT_FALSE(ObjectStore::isOpen(dir_.path("db")));
+    EXPECT_FALSE(ObjectStore::isOpen(dir_.storePath("db")));
     EXPECT_EQ(ObjectStore::attachById(id), nullptr);
     EXPECT_GT(openStore()->id(), id);
 }
@@ -207,7 +207,7 @@ TEST_F(LifecycleTest, tellsSizesAndDiagnosis) {
     const StorePtr store = openStore();
     putMark(*store, 1);
     EXPECT_GT(store->size(), 0u);
-    EXPECT_EQ(store->sizeOnDisk(), ObjectStore::dbFileSize(dir_.path("db")));
+    EXPECT_EQ(store->sizeOnDisk(), ObjectStore::dbFileSize(dir_.storePath("db")));
     EXPECT_EQ(store->typeId(), 1u);
     EXPECT_NE(store->diagnose().find("entries=1"), std::string::npos);
     EXPECT_EQ(store->cleanStaleReadTransactions(), 0u);
@@ -220,11 +220,11 @@ TEST_F(LifecycleTest, removedFilesOfAnOpenStoreMakeRoomForAnother) {
     putMark(*old, 1);
     {
         const LogCapture log;
-        EXPECT_TRUE(ObjectStore::removeDbFiles(dir_.path("db"), false));
+        EXPECT_TRUE(ObjectStore::removeDbFiles(dir_.storePath("db"), false));
         EXPECT_TRUE(log.contains("[INFO ] Removed files of shared store that's still open: " +
                                  old->directory() + "\n"));
     }
-    EXPECT_FALSE(ObjectStore::isOpen(dir_.path("db")));
+    EXPECT_FALSE(ObjectStore::isOpen(dir_.storePath("db")));
     StorePtr fresh = openStore();
     EXPECT_NE(fresh, old);
     EXPECT_EQ(countMarks(*fresh), 0u);
@@ -234,9 +234,9 @@ TEST_F(LifecycleTest, removedFilesOfAnOpenStoreMakeRoomForAnother) {
     EXPECT_EQ(countMarks(*fresh), 1u);
 
     fresh.reset();
-    EXPECT_TRUE(ObjectStore::removeDbFiles(dir_.path("db"), true));
+    EXPECT_TRUE(ObjectStore::removeDbFiles(dir_.storePath("db"), true));
     EXPECT_FALSE(std::filesystem::exists(dir_.path("db")));
-    EXPECT_TRUE(ObjectStore::removeDbFiles(dir_.path("missing"), false));
+    EXPECT_TRUE(ObjectStore::removeDbFiles(dir_.storePath("missing"), false));
 }
 
 // --- state ---------------------------------------------------------------------------------------
@@ -433,7 +433,7 @@ TEST_F(ConcurrentLifecycleTest, openWaitsUntilTheClosingStoreIsReallyClosed) {
                                     " is still active in thread " + std::to_string(threadNumber());
         std::thread closer([&] { store.reset(); });
         while (!log.contains(waiting)) std::this_thread::yield();
-        EXPECT_FALSE(ObjectStore::isOpen(dir_.path("db")));
+        EXPECT_FALSE(ObjectStore::isOpen(dir_.storePath("db")));
 
         std::latch started(1);
         std::thread opener([&] {
