@@ -38,6 +38,8 @@ public:
         return prefix ? prefix : "";
     }
     static bool onLmdb() { return storePrefix().empty(); }
+    // Stores leave files; otherwise the data lives as long as the process.
+    static bool onFiles() { return storePrefix() != "memory:"; }
 
 private:
     std::string path_;
