@@ -1,5 +1,6 @@
 #include "core/files.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,8 +40,26 @@ int removeDirectory(const std::string& path) {
     return ::rmdir(path.c_str()) == 0 ? 0 : errno;
 }
 
+std::FILE* createFile(const std::string& path, uint32_t mode) {
+    const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC,
+                                  static_cast<mode_t>(mode));
+    if (descriptor < 0) return nullptr;
+    std::FILE* const stream = ::fdopen(descriptor, "w+b");
+    if (!stream) ::close(descriptor);
+    return stream;
+}
+
 bool syncFile(std::FILE* stream) {
     return std::fflush(stream) == 0 && ::fsync(::fileno(stream)) == 0;
+}
+
+bool syncDirectory(const std::string& path) {
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor < 0) return false;
+    // Some file systems do not sync directories, and say so.
+    const bool synced = ::fsync(descriptor) == 0 || errno == EINVAL;
+    ::close(descriptor);
+    return synced;
 }
 
 void truncateFile(std::FILE* stream, uint64_t size) {

@@ -24,8 +24,14 @@ void prepareDirectory(const std::string& path, uint32_t mode);
 int removeFile(const std::string& path);
 int removeDirectory(const std::string& path);
 
+// A new empty file in place of whatever was there, for reading and writing, with this mode if it is
+// made; null, with errno, on failure.
+std::FILE* createFile(const std::string& path, uint32_t mode);
+
 // Flushes the stream and brings the file to disk; false on failure.
 bool syncFile(std::FILE* stream);
+// Brings the names in the directory to disk; false, with errno, on failure.
+bool syncDirectory(const std::string& path);
 // Flushes the stream and cuts or extends the file. Throws IoException.
 void truncateFile(std::FILE* stream, uint64_t size);
 

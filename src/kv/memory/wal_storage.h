@@ -37,7 +37,7 @@ public:
 
     // Opens the files and brings what they hold into the empty store, through one write transaction
     // of it with kTxNoWal, which must find the store ready for transactions; none is begun if there
-    // is nothing to load. Takes a snapshot, through a read transaction with kTxNoWal, when the log
+    // are no files. Takes a snapshot, through a read transaction with kTxNoWal, when the log
     // is above its limit for opening. Throws WalFileInvalidException, SnapshotFileInvalidException.
     void load(DbStore& store);
 
@@ -53,12 +53,15 @@ public:
     // Whether the log has outgrown its limit.
     bool snapshotDue() const;
     // Saves all records that a cursor of the transaction sees, under the number of the last record
-    // written, and empties the log. Not while a record is open. On failure all that was committed
-    // is still there.
+    // written, and empties the log. Not while a record is open. On failure the files hold what they
+    // held before; a log that could only not be emptied is no failure here, but one of the next
+    // beginTx() if it still cannot be.
     void takeSnapshot(DbTransaction& transaction);
 
 private:
-    void finishSnapshot();
+    void loadSnapshot(DbTransaction& transaction);
+    void emptyLog();
+    void syncNames();
 
     const std::string directory_;
     const std::string snapshotPath_;
@@ -67,6 +70,7 @@ private:
     const uint64_t maxFileSize_;
     const uint32_t fileMode_;
     const bool readOnly_;
+    const bool syncs_;
     const bool verbose_;
     bool logIsInSnapshot_ = false;  // a snapshot holds all of the log, which is not emptied yet
 };
