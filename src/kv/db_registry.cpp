@@ -7,6 +7,7 @@
 #include "core/log.h"
 #include "kv/db_provider.h"
 #include "kv/lmdb/lmdb_provider.h"
+#include "kv/memory/in_memory_provider.h"
 
 namespace quillmere {
 
@@ -22,6 +23,8 @@ DbRegistry& DbRegistry::instance() {
 
 DbRegistry::DbRegistry() : serial_(++lastSerial) {
     registerDefault(std::make_shared<LmdbProvider>(), false);
+    registerPrefix(kInMemoryPrefix, std::make_shared<InMemoryProvider>(false), false);
+    registerPrefix(kInMemoryWalPrefix, std::make_shared<InMemoryProvider>(true), false);
 }
 
 void DbRegistry::registerDefault(std::shared_ptr<DbProvider> provider, bool log) {

@@ -607,7 +607,7 @@ TEST_F(DamagedModels, FlippedAndRandomBytesNeverHarmTheStore) {
     bool fresh = true;
     for (int round = 0; round < 200; ++round) {
         if (fresh) {
-            ASSERT_EQ(QMR_SUCCESS, qmr_remove_db_files(dir_.path().c_str()));
+            ASSERT_EQ(QMR_SUCCESS, qmr_remove_db_files(dir_.storePath().c_str()));
             open();
             ASSERT_EQ(1u, putNote("safe"));
             close();

@@ -243,7 +243,7 @@ TEST_F(QueryRunTest, ForeignAndDeadCursorsAreRefused) {
 
     const TempDir other;
     QMR_store_options* opt = qmr_opt();
-    qmr_opt_directory(opt, other.path().c_str());
+    qmr_opt_directory(opt, other.storePath().c_str());
     qmr_opt_model(opt, noteModel());
     const StorePtr notes(qmr_store_open(opt));
     const TxnPtr noteTxn(qmr_txn_read(notes.get()));
@@ -290,7 +290,7 @@ TEST_F(QueryRunTest, ClosingTheStoreWaitsForARunAndIsNotPutOffByHandles) {
     };
     EXPECT_EQ(QMR_SUCCESS, qmr_query_visit(query.get(), visitor, &closing));
     closer.join();
-    EXPECT_FALSE(qmr_store_is_open(dir_.path().c_str()));
+    EXPECT_FALSE(qmr_store_is_open(dir_.storePath().c_str()));
     openShop();
     EXPECT_EQ(4u, count(customersFrom(0)));
 }

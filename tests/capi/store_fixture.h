@@ -82,7 +82,7 @@ protected:
     // Options for the test's directory, with the model unless told otherwise.
     QMR_store_options* options(bool withModel = true) {
         QMR_store_options* opt = qmr_opt();
-        qmr_opt_directory(opt, dir_.path().c_str());
+        qmr_opt_directory(opt, dir_.storePath().c_str());
         if (withModel) qmr_opt_model(opt, noteModel());
         return opt;
     }

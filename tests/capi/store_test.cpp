@@ -23,7 +23,7 @@ TEST_F(OpenStoreFunctions, KeepObjectsAcrossReopening) {
 TEST_F(StoreFunctions, RefuseOptionsWithAnEarlierFailure) {
     QMR_store_options* opt = options();
     EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT, qmr_opt_directory(opt, nullptr));
-    EXPECT_EQ(QMR_SUCCESS, qmr_opt_directory(opt, dir_.path().c_str()));
+    EXPECT_EQ(QMR_SUCCESS, qmr_opt_directory(opt, dir_.storePath().c_str()));
     EXPECT_EQ(nullptr, qmr_store_open(opt));
     EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_ARGUMENT,
                             "An error had occurred before during setting options"));
@@ -41,7 +41,7 @@ TEST_F(OpenStoreFunctions, AttachToAnOpenStore) {
     const StorePtr same(qmr_store_attach_or_open(options(), true, &attached));
     ASSERT_TRUE(same) << qmr_last_error_message();
     EXPECT_TRUE(attached);
-    const StorePtr byPath(qmr_store_attach(dir_.path().c_str()));
+    const StorePtr byPath(qmr_store_attach(dir_.storePath().c_str()));
     const StorePtr byId(qmr_store_attach_id(qmr_store_id(store_.get())));
     ASSERT_TRUE(byPath && byId);
     EXPECT_NE(0u, qmr_store_id(store_.get()));
@@ -50,7 +50,7 @@ TEST_F(OpenStoreFunctions, AttachToAnOpenStore) {
     // Any one record keeps the store open.
     const uint64_t id = putNote("shared");
     close();
-    EXPECT_TRUE(qmr_store_is_open(dir_.path().c_str()));
+    EXPECT_TRUE(qmr_store_is_open(dir_.storePath().c_str()));
     uint64_t count = 0;
     EXPECT_EQ(QMR_SUCCESS, qmr_kist_count(qmr_kist(byId.get(), kNote), 0, &count));
     EXPECT_EQ(1u, count);
@@ -82,9 +82,9 @@ TEST_F(StoreFunctions, OpenWhatIsNotOpenWhenAttachingIsAllowed) {
     const uint64_t oldId = qmr_store_id(store_.get());
 
     close();
-    EXPECT_EQ(nullptr, qmr_store_attach(dir_.path().c_str()));
+    EXPECT_EQ(nullptr, qmr_store_attach(dir_.storePath().c_str()));
     EXPECT_EQ(nullptr, qmr_store_attach_id(oldId));
-    EXPECT_FALSE(qmr_store_is_open(dir_.path().c_str()));
+    EXPECT_FALSE(qmr_store_is_open(dir_.storePath().c_str()));
     EXPECT_TRUE(noLastError());
     store_.reset(qmr_store_attach_or_open(options(), true, nullptr));
     EXPECT_GT(qmr_store_id(store_.get()), oldId);
@@ -103,7 +103,7 @@ TEST_F(StoreFunctions, TakeANullDirectoryForTheDefaultOne) {
     EXPECT_TRUE(qmr_store_is_open(nullptr));
     EXPECT_GT(qmr_db_file_size(nullptr), 0u);
     std::filesystem::current_path(before);
-    EXPECT_TRUE(qmr_store_is_open(dir_.path("quillmere").c_str()));
+    EXPECT_TRUE(qmr_store_is_open(dir_.storePath("quillmere").c_str()));
 }
 
 TEST_F(OpenStoreFunctions, ClonesShareTheStore) {
@@ -120,7 +120,7 @@ TEST_F(StoreFunctions, WrappedStoresAreOnlyBorrowed) {
     StorePtr schemaWriter(qmr_store_open(opt));
     schemaWriter.reset();
     StoreOptions core;
-    core.directory = dir_.path();
+    core.directory = dir_.storePath();
     const std::unique_ptr<ObjectStore> owned = ObjectStore::create(core);
 
     store_.reset(qmr_store_wrap(owned.get()));
@@ -211,8 +211,8 @@ TEST_F(OpenStoreFunctions, TellTypeAndSizes) {
     const uint64_t onDisk = qmr_store_size_on_disk(store_.get());
     EXPECT_GT(qmr_store_size(store_.get()), 100000u);
     EXPECT_GT(onDisk, 100000u);
-    EXPECT_EQ(onDisk, qmr_db_file_size(dir_.path().c_str()));
-    EXPECT_EQ(0u, qmr_db_file_size(dir_.path("none").c_str()));
+    EXPECT_EQ(onDisk, qmr_db_file_size(dir_.storePath().c_str()));
+    EXPECT_EQ(0u, qmr_db_file_size(dir_.storePath("none").c_str()));
     EXPECT_EQ(QMR_SUCCESS, qmr_store_debug_flags(store_.get(), 0));
     EXPECT_FALSE(qmr_store_opened_with_previous_commit(store_.get()));
     EXPECT_TRUE(noLastError());
@@ -279,17 +279,17 @@ TEST_F(OpenStoreFunctions, BackupIsNotInThisBuild) {
 TEST_F(OpenStoreFunctions, RemoveDatabaseFiles) {
     putNote("gone");
     close();
-    EXPECT_EQ(QMR_SUCCESS, qmr_remove_db_files(dir_.path().c_str()));
+    EXPECT_EQ(QMR_SUCCESS, qmr_remove_db_files(dir_.storePath().c_str()));
     EXPECT_TRUE(std::filesystem::is_empty(dir_.path()));
-    EXPECT_EQ(QMR_SUCCESS, qmr_remove_db_files(dir_.path().c_str())) << "nothing left to remove";
+    EXPECT_EQ(QMR_SUCCESS, qmr_remove_db_files(dir_.storePath().c_str())) << "nothing left to remove";
     open();
     EXPECT_EQ(0u, noteCount());
 }
 
 TEST_F(OpenStoreFunctions, RemovingTheFilesOfAnOpenStoreFreesThePath) {
     putNote("of the old store");
-    EXPECT_EQ(QMR_SUCCESS, qmr_remove_db_files(dir_.path().c_str()));
-    EXPECT_FALSE(qmr_store_is_open(dir_.path().c_str()));
+    EXPECT_EQ(QMR_SUCCESS, qmr_remove_db_files(dir_.storePath().c_str()));
+    EXPECT_FALSE(qmr_store_is_open(dir_.storePath().c_str()));
     StorePtr old(store_.release());
     open();
     EXPECT_EQ(0u, noteCount());

@@ -122,7 +122,7 @@ TEST_F(Transactions, SurviveAsHandlesWhenTheStoreIsClosedUnderThem) {
         cursor.reset(qmr_cursor(txn.get(), kNote));
     }
     close();  // waits for the reader, but not forever
-    EXPECT_FALSE(qmr_store_is_open(dir_.path().c_str()));
+    EXPECT_FALSE(qmr_store_is_open(dir_.storePath().c_str()));
     EXPECT_EQ(nullptr, qmr_cursor(txn.get(), kNote));
     EXPECT_TRUE(lastErrorIs(QMR_ERROR_SHUTTING_DOWN, "Store is already closed"));
     const void* data = nullptr;

@@ -76,7 +76,7 @@ protected:
         schema->link();
         schema_ = schema;
         StoreOptions options;
-        options.directory = dir_.path("db");
+        options.directory = dir_.storePath("db");
         store_ = std::make_unique<ObjectStore>(options);
         store_->setSchema(schema);
         things_ = &schema->entityById(kThings);

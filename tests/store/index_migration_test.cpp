@@ -65,7 +65,7 @@ protected:
     void open(const LibraryModel& model) {
         store_.reset();
         StoreOptions options;
-        options.directory = dir_.path("db");
+        options.directory = dir_.storePath("db");
         options.modelBytes = model.build();
         store_ = ObjectStore::create(options);
     }

@@ -77,7 +77,7 @@ protected:
     void open(SchemaSpec spec) {
         store_.reset();
         StoreOptions options;
-        options.directory = dir_.path("db");
+        options.directory = dir_.storePath("db");
         store_ = std::make_unique<ObjectStore>(options);
         store_->setSchema(spec.build());
     }

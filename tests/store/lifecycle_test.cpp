@@ -31,7 +31,7 @@ class LifecycleTest : public ::testing::Test {
 protected:
     StoreOptions options(const std::string& name = "db") {
         StoreOptions result;
-        result.directory = dir_.path(name);
+        result.directory = dir_.storePath(name);
         return result;
     }
     StoreOptions hooked() {
@@ -46,7 +46,12 @@ protected:
     StorePtr openStore() { return openStore(options()); }
     std::string inUse() {
         return "Cannot open store: another store is still open using the same path: \"" +
-               std::filesystem::weakly_canonical(dir_.path("db")).string() + "\"";
+               canonicalPath() + "\"";
+    }
+    // Of a store without files a mere name, which no other name means.
+    std::string canonicalPath() {
+        return TempDir::storePrefix() +
+               std::filesystem::weakly_canonical(dir_.path("db")).string();
     }
     // One raw record, so that the data of a database can be told apart.
     static void putMark(ObjectStore& store, uint64_t id) {
@@ -69,7 +74,7 @@ TEST_F(LifecycleTest, pathThatIsOpenCannotBeOpenedAgain) {
     const StorePtr store = openStore();
     expectThrow<IllegalStateException>(inUse(), [&] { openStore(); });
     StoreOptions detour = options();
-    detour.directory = dir_.path("db/../db/.");
+    if (TempDir::onFiles()) detour.directory = dir_.storePath("db/../db/.");
     expectThrow<IllegalStateException>(inUse(), [&] { openStore(detour); });
     expectThrow<IllegalStateException>(inUse(), [&] { ObjectStore::create(options()); });
     putMark(*store, 1);
@@ -79,14 +84,14 @@ TEST_F(LifecycleTest, pathThatIsOpenCannotBeOpenedAgain) {
 TEST_F(LifecycleTest, storeOutsideTheRegistryHoldsItsPathToo) {
     auto created = ObjectStore::create(options());
     EXPECT_EQ(created->id(), 0u);
-    EXPECT_FALSE(ObjectStore::isOpen(dir_.path("db")));
+    EXPECT_FALSE(ObjectStore::isOpen(dir_.storePath("db")));
     expectThrow<IllegalStateException>(inUse(), [&] { openStore(); });
     created.reset();
     EXPECT_NE(openStore()->id(), 0u);
 }
 
 TEST_F(LifecycleTest, attachesByPathAndById) {
-    EXPECT_EQ(ObjectStore::attach(dir_.path("db")), nullptr);
+    EXPECT_EQ(ObjectStore::attach(dir_.storePath("db")), nullptr);
     EXPECT_EQ(ObjectStore::attachById(~uint64_t{0}), nullptr);
     bool attached = true;
     StorePtr store = ObjectStore::attachOrOpen(options(), &attached);
@@ -94,20 +99,20 @@ TEST_F(LifecycleTest, attachesByPathAndById) {
     const uint64_t id = store->id();
     EXPECT_EQ(ObjectStore::attachOrOpen(options(), &attached), store);
     EXPECT_TRUE(attached);
-    EXPECT_EQ(ObjectStore::attach(dir_.path("db/")), store);
+    EXPECT_EQ(ObjectStore::attach(dir_.storePath(TempDir::onFiles() ? "db/" : "db")), store);
     EXPECT_EQ(ObjectStore::attachById(id), store);
     EXPECT_EQ(ObjectStore::weakById(id).lock(), store);
-    EXPECT_TRUE(ObjectStore::isOpen(dir_.path("db")));
+    EXPECT_TRUE(ObjectStore::isOpen(dir_.storePath("db")));
 
     store.reset();
-    EXPECT_FALSE(ObjectStore::isOpen(dir_.path("db")));
+    EXPECT_FALSE(ObjectStore::isOpen(dir_.storePath("db")));
     EXPECT_EQ(ObjectStore::attachById(id), nullptr);
     EXPECT_GT(openStore()->id(), id);
 }
 
 TEST_F(LifecycleTest, attachingComparesOptionsOnRequest) {
     StoreOptions original = options();
-    original.maxReaders = 50;
+    if (TempDir::onLmdb()) original.maxReaders = 50;
     const StorePtr store = openStore(original);
     const auto differs = [&](auto change, const std::string& name) {
         StoreOptions other = original;
@@ -131,10 +136,16 @@ TEST_F(LifecycleTest, attachingComparesOptionsOnRequest) {
 // --- opening -------------------------------------------------------------------------------------
 
 TEST_F(LifecycleTest, failedOpenLeavesThePathFree) {
-    std::filesystem::create_directory(dir_.path("db"));
-    std::ofstream(dir_.path("db/data.mdb")) << std::string(20000, 'x');
-    expectThrow<OpenDbException>("Not a database file", [&] { openStore(); });
-    std::filesystem::remove_all(dir_.path("db"));
+    if (TempDir::onFiles()) {
+        std::filesystem::create_directory(dir_.path("db"));
+        const char* file = TempDir::onLmdb() ? "db/data.mdb" : "db/quillmere.wal";
+        std::ofstream(dir_.path(file)) << std::string(20000, 'x');
+        const std::string message = TempDir::onLmdb()
+                                        ? "Not a database file"
+                                        : "Invalid WAL format: this is not a Quillmere WAL file";
+        expectThrow<Exception>(message, [&] { openStore(); });
+        std::filesystem::remove_all(dir_.path("db"));
+    }
 
     StoreOptions bad = options();
     bad.maxDbSizeInKb = 0;
@@ -145,7 +156,9 @@ TEST_F(LifecycleTest, failedOpenLeavesThePathFree) {
                                               [&] { openStore(bad); });
     bad = options();
     bad.readOnly = true;
-    EXPECT_THROW(openStore(bad), OpenDbException);
+    if (TempDir::onLmdb()) {
+        EXPECT_THROW(openStore(bad), OpenDbException);
+    }
     {
         HookedProvider::Hooks hooks;
         hooks.createNothing = true;
@@ -174,8 +187,7 @@ TEST_F(LifecycleTest, logCallbackSeesTheOpenAlone) {
         heard.push_back(std::to_string(level) + " " + std::string(text, length));
     };
     openStore(withCallback);
-    const std::string path = std::filesystem::weakly_canonical(dir_.path("db")).string();
-    EXPECT_EQ(heard, std::vector<std::string>{"20 Opening store: " + path});
+    EXPECT_EQ(heard, std::vector<std::string>{"20 Opening store: " + canonicalPath()});
 }
 
 TEST_F(LifecycleTest, validatesRecordsOnRequest) {
@@ -207,9 +219,11 @@ TEST_F(LifecycleTest, tellsSizesAndDiagnosis) {
     const StorePtr store = openStore();
     putMark(*store, 1);
     EXPECT_GT(store->size(), 0u);
-    EXPECT_EQ(store->sizeOnDisk(), ObjectStore::dbFileSize(dir_.path("db")));
-    EXPECT_EQ(store->typeId(), 1u);
-    EXPECT_NE(store->diagnose().find("entries=1"), std::string::npos);
+    const uint64_t fileSize = ObjectStore::dbFileSize(dir_.storePath("db"));
+    EXPECT_EQ(TempDir::onFiles() ? store->sizeOnDisk() : store->size(), fileSize);
+    const std::map<std::string, uint32_t> types = {{"", 1}, {"memory:", 2}, {"memory-wal:", 3}};
+    EXPECT_EQ(store->typeId(), types.at(TempDir::storePrefix()));
+    EXPECT_EQ(store->diagnose().find("entries=1") != std::string::npos, TempDir::onLmdb());
     EXPECT_EQ(store->cleanStaleReadTransactions(), 0u);
 }
 
@@ -220,11 +234,11 @@ TEST_F(LifecycleTest, removedFilesOfAnOpenStoreMakeRoomForAnother) {
     putMark(*old, 1);
     {
         const LogCapture log;
-        EXPECT_TRUE(ObjectStore::removeDbFiles(dir_.path("db"), false));
+        EXPECT_TRUE(ObjectStore::removeDbFiles(dir_.storePath("db"), false));
         EXPECT_TRUE(log.contains("[INFO ] Removed files of shared store that's still open: " +
                                  old->directory() + "\n"));
     }
-    EXPECT_FALSE(ObjectStore::isOpen(dir_.path("db")));
+    EXPECT_FALSE(ObjectStore::isOpen(dir_.storePath("db")));
     StorePtr fresh = openStore();
     EXPECT_NE(fresh, old);
     EXPECT_EQ(countMarks(*fresh), 0u);
@@ -234,9 +248,9 @@ TEST_F(LifecycleTest, removedFilesOfAnOpenStoreMakeRoomForAnother) {
     EXPECT_EQ(countMarks(*fresh), 1u);
 
     fresh.reset();
-    EXPECT_TRUE(ObjectStore::removeDbFiles(dir_.path("db"), true));
+    EXPECT_TRUE(ObjectStore::removeDbFiles(dir_.storePath("db"), true));
     EXPECT_FALSE(std::filesystem::exists(dir_.path("db")));
-    EXPECT_TRUE(ObjectStore::removeDbFiles(dir_.path("missing"), false));
+    EXPECT_TRUE(ObjectStore::removeDbFiles(dir_.storePath("missing"), false));
 }
 
 // --- state ---------------------------------------------------------------------------------------
@@ -433,7 +447,7 @@ TEST_F(ConcurrentLifecycleTest, openWaitsUntilTheClosingStoreIsReallyClosed) {
                                     " is still active in thread " + std::to_string(threadNumber());
         std::thread closer([&] { store.reset(); });
         while (!log.contains(waiting)) std::this_thread::yield();
-        EXPECT_FALSE(ObjectStore::isOpen(dir_.path("db")));
+        EXPECT_FALSE(ObjectStore::isOpen(dir_.storePath("db")));
 
         std::latch started(1);
         std::thread opener([&] {

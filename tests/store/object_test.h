@@ -52,7 +52,7 @@ protected:
 
     void open(StoreOptions options = {}) {
         store_.reset();
-        options.directory = dir_.path("db");
+        options.directory = dir_.storePath("db");
         store_ = std::make_unique<ObjectStore>(options);
         store_->setSchema(makeSchema());
     }

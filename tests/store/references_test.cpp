@@ -189,7 +189,7 @@ TEST_F(ReferencesTest, TheDataSizeStaysRightWhenReferencesAreCleared) {
     const auto schema = store_->requireSchema();
     store_.reset();
     StoreOptions options;
-    options.directory = dir_.path("db");
+    options.directory = dir_.storePath("db");
     options.maxDataSizeInKb = 100;
     store_ = std::make_unique<ObjectStore>(options);
     store_->setSchema(schema);

@@ -59,7 +59,7 @@ protected:
     }
     StoreOptions rawOptions() {
         StoreOptions result;
-        result.directory = dir_.path("db");
+        result.directory = dir_.storePath("db");
         result.noReaderThreadLocals = true;
         return result;
     }
@@ -138,7 +138,7 @@ TEST_F(SchemaOpenTest, schemasLiveAsLongAsTheStore) {
 
 TEST_F(SchemaOpenTest, opensFromModelBytesAlone) {
     const Bytes model = makeModel({});
-    const auto store = ObjectStore::openWithModelBytes(model.data(), model.size(), dir_.path("db"),
+    const auto store = ObjectStore::openWithModelBytes(model.data(), model.size(), dir_.storePath("db"),
                                                        4096, 0600, 20);
     EXPECT_EQ(store->dbStore().maxReaders(), 20u);
     EXPECT_EQ(store->maxDbSizeInKb(), 4096u);

@@ -122,7 +122,7 @@ TEST_F(ThreadTxTest, nestedHandlesOutliveTheOwner) {
 TEST_F(ThreadTxTest, failedBeginLeavesNothingBehind) {
     HookedProvider::instance();
     StoreOptions options;
-    options.directory = HookedProvider::kPrefix + dir_.path("hooked");
+    options.directory = HookedProvider::kPrefix + dir_.storePath("hooked");
     ObjectStore store(options);
     {
         HookedProvider::Hooks hooks;

@@ -34,7 +34,7 @@ protected:
         return options;
     }
     std::unique_ptr<ObjectStore> openAnother(const std::string& name, StoreOptions options = {}) {
-        options.directory = dir_.path(name);
+        options.directory = dir_.storePath(name);
         auto store = std::make_unique<ObjectStore>(options);
         store->setSchema(makeSchema());
         return store;
@@ -43,7 +43,7 @@ protected:
     std::unique_ptr<ObjectStore> openHooked() {
         HookedProvider::instance();
         StoreOptions options = severalReadersPerThread();
-        options.directory = HookedProvider::kPrefix + dir_.path("hooked");
+        options.directory = HookedProvider::kPrefix + dir_.storePath("hooked");
         auto store = std::make_unique<ObjectStore>(options);
         store->setSchema(makeSchema());
         return store;

@@ -14,7 +14,7 @@
 
 namespace quillmere {
 
-// The default provider under the directory prefix "hooked:", with places where a test can look in,
+// The provider of the directory behind the prefix "hooked:", with places where a test can look in,
 // or fail an operation by throwing.
 class HookedProvider : public DbProvider {
 public:
@@ -43,34 +43,36 @@ public:
 
     std::unique_ptr<DbStore> createStore(const StoreOptions& options) override {
         if (hooks.createNothing) return nullptr;
-        return std::make_unique<Store>(*this, inner().createStore(unprefixed(options)));
+        return std::make_unique<Store>(*this, inner(options.directory)->createStore(unprefixed(options)));
     }
     uint32_t id() const override { return 99; }
     const char* name() const override { return "hooked"; }
     void prepareDirectory(const StoreOptions& options) override {
-        inner().prepareDirectory(unprefixed(options));
+        inner(options.directory)->prepareDirectory(unprefixed(options));
     }
     std::string canonicalPath(const std::string& path) override {
-        return inner().canonicalPath(unprefixed(path));
+        return inner(path)->canonicalPath(unprefixed(path));
     }
     bool removeDbFiles(const StoreOptions& options, bool removeDirectory) override {
-        return inner().removeDbFiles(unprefixed(options), removeDirectory);
+        return inner(options.directory)->removeDbFiles(unprefixed(options), removeDirectory);
     }
     bool dbFileExists(const StoreOptions& options) override {
-        return inner().dbFileExists(unprefixed(options));
+        return inner(options.directory)->dbFileExists(unprefixed(options));
     }
     uint64_t dbFileSize(const StoreOptions& options) override {
-        return inner().dbFileSize(unprefixed(options));
+        return inner(options.directory)->dbFileSize(unprefixed(options));
     }
     uint32_t dbFileMode(const StoreOptions& options) override {
-        return inner().dbFileMode(unprefixed(options));
+        return inner(options.directory)->dbFileMode(unprefixed(options));
     }
 
 private:
     static void call(const std::function<void()>& hook) {
         if (hook) hook();
     }
-    static DbProvider& inner() { return *DbRegistry::instance().get(""); }
+    static std::shared_ptr<DbProvider> inner(const std::string& path) {
+        return DbRegistry::instance().get(unprefixed(path));
+    }
     static std::string unprefixed(const std::string& path) {
         return path.substr(std::string(kPrefix).size());
     }

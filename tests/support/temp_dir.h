@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <system_error>
@@ -27,6 +28,18 @@ public:
     const std::string& path() const { return path_; }
     // A path inside, which need not exist.
     std::string path(const std::string& name) const { return path_ + "/" + name; }
+    // The same as directories of a store, on the provider that the tests run on.
+    std::string storePath() const { return storePrefix() + path_; }
+    std::string storePath(const std::string& name) const { return storePrefix() + path(name); }
+
+    // The directory prefix of that provider: QUILLMERE_TEST_PREFIX; empty is LMDB.
+    static std::string storePrefix() {
+        const char* prefix = std::getenv("QUILLMERE_TEST_PREFIX");
+        return prefix ? prefix : "";
+    }
+    static bool onLmdb() { return storePrefix().empty(); }
+    // Stores leave files; otherwise the data lives as long as the process.
+    static bool onFiles() { return storePrefix() != "memory:"; }
 
 private:
     std::string path_;
