@@ -7,6 +7,7 @@
 #include <fstream>
 #include <functional>
 #include <latch>
+#include <map>
 #include <new>
 #include <thread>
 
@@ -156,7 +157,7 @@ TEST_F(LifecycleTest, failedOpenLeavesThePathFree) {
                                               [&] { openStore(bad); });
     bad = options();
     bad.readOnly = true;
-    if (TempDir::onLmdb()) {
+    if (TempDir::onFiles()) {
         EXPECT_THROW(openStore(bad), OpenDbException);
     }
     {

@@ -12,6 +12,7 @@
 #include "core/bytes.h"
 #include "core/bytes_writer.h"
 #include "kv/kv_log.h"
+#include "core/store_options.h"
 #include "kv/memory/tx_sequence.h"
 
 namespace quillmere {
@@ -19,12 +20,6 @@ namespace quillmere {
 class DbStore;
 class DbTransaction;
 class WalReader;
-
-// How a WAL behaves. Bits of the option of the same name.
-enum WalFlags : uint32_t {
-    kWalEnabled = 1,
-    kWalSync = 2,  // each record is brought to disk before its commit ends
-};
 
 // Owned by a WalStorage, which tells its threads. Every failure of the file system is an
 // IoException, but for a failed sync, which is logged.
