@@ -1,6 +1,6 @@
 # Thin: everything stands in the CMake presets. Each goal first installs what the machine lacks.
 .DEFAULT_GOAL := help
-.PHONY: help demo test bench sanitize install clean
+.PHONY: help demo test bench sanitize fuzz install clean
 .NOTPARALLEL:
 
 # The folders of tests/ in which several threads or processes meet.
@@ -12,6 +12,7 @@ help:
 	@echo "make test      builds everything and runs all tests"
 	@echo "make bench     measures against LMDB and SQLite"
 	@echo "make sanitize  runs the tests under the address, undefined behaviour and thread sanitizers"
+	@echo "make fuzz      runs each fuzzer of tests/fuzz for a minute; needs clang"
 	@echo "make install   installs the library, its header and its packages; prefix=$(prefix)"
 	@echo "make clean     removes build/"
 
@@ -29,6 +30,11 @@ bench: build-release
 sanitize: build-asan build-tsan
 	ctest --test-dir build/asan --output-on-failure --no-tests=error -j2
 	ctest --test-dir build/tsan --output-on-failure --no-tests=error -j2 -R '$(concurrent_tests)'
+
+fuzz:
+	@command -v clang++ >/dev/null || { echo "Fuzzers need clang: apt-get install clang"; exit 1; }
+	cmake --preset fuzz
+	cmake --build build/fuzz --target fuzz
 
 install: build-release
 	cmake --install build/release --prefix '$(prefix)'

@@ -418,7 +418,7 @@ void WalFile::truncate(uint64_t size) {
 }
 
 void WalFile::syncOrFlush() {
-    if (!syncs()) {
+    if (!config_.syncs) {
         std::fflush(file_);
     } else if (!syncFile(file_)) {
         logLine("%s [WARN ] [WalFil] Sync to WAL file failed\n", logTimestamp());

@@ -27,8 +27,8 @@ class WalFile {
 public:
     struct Config {
         std::string path;
-        uint32_t flags = 0;  // WalFlags
         uint32_t fileMode = 0644;
+        bool syncs = false;     // each record reaches the disk before its commit ends
         bool readOnly = false;  // the file is replayed and left as it is
         bool verbose = false;
     };
@@ -82,8 +82,6 @@ private:
     void append(const void* data, size_t size);
     void truncate(uint64_t size);
     void syncOrFlush();
-    bool syncs() const { return config_.flags & kWalSync; }
-
     const Config config_;
     std::FILE* file_ = nullptr;
     uint64_t fileEnd_ = 0;   // behind the last complete record

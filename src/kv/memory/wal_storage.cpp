@@ -20,8 +20,8 @@ namespace {
 
 WalFile::Config walConfig(const StoreOptions& options) {
     return {.path = walFilePath(options.directory),
-            .flags = options.walFlags,
             .fileMode = options.fileMode,
+            .syncs = (options.walFlags & kWalSync) != 0,
             .readOnly = options.readOnly,
             .verbose = (options.debugFlags & kDebugWal) != 0};
 }
