@@ -12,6 +12,8 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <string>
+#include <string_view>
 
 #include "demo_input.h"
 #include "demo_model.h"
@@ -29,18 +31,29 @@ constexpr const char* kCharacterFile = "/usr/share/unicode/UnicodeData.txt";
 
 // ---- The store
 
+// A directory may start with where the data lives: "memory:NAME" leaves nothing behind,
+// "memory-wal:FOLDER" logs what it commits to a folder.
+constexpr std::string_view kMemory = "memory:";
+constexpr std::string_view kMemoryWithLog = "memory-wal:";
+
+std::string folderOf(const std::string& directory) {
+    return directory.substr(directory.starts_with(kMemoryWithLog) ? kMemoryWithLog.size() : 0);
+}
+
 // Starts with an empty folder. A folder that this program did not make is never touched.
 void prepareDirectory(const std::string& directory) {
-    const std::string marker = directory + "/made-by-the-quillmere-demo";
-    if (std::filesystem::exists(directory) && !std::filesystem::is_empty(directory)) {
+    if (directory.starts_with(kMemory)) return;
+    const std::string folder = folderOf(directory);
+    const std::string marker = folder + "/made-by-the-quillmere-demo";
+    if (std::filesystem::exists(folder) && !std::filesystem::is_empty(folder)) {
         if (!std::filesystem::exists(marker)) {
-            throw std::runtime_error(directory + " exists and is not of this program's making; " +
+            throw std::runtime_error(folder + " exists and is not of this program's making; " +
                                      "please name another folder: demo FOLDER");
         }
         check(qmr_remove_db_files(directory.c_str()), "remove the files of the last run");
     }
-    std::filesystem::create_directories(directory);
-    if (!std::ofstream(marker)) throw std::runtime_error("Cannot write to " + directory);
+    std::filesystem::create_directories(folder);
+    if (!std::ofstream(marker)) throw std::runtime_error("Cannot write to " + folder);
 }
 
 // Opening brings the model of the stored data up to the given one.
@@ -356,15 +369,19 @@ void runDemo(const std::string& directory) {
     askAboutCharacters(store);
     tellSize(store);
     close(std::move(store));
-    std::printf("The data stays in %s; try: mdb_stat -e %s\n", directory.c_str(),
-                directory.c_str());
+    if (directory.starts_with(kMemory)) return;
+    const std::string folder = folderOf(directory);
+    std::printf("The data stays in %s; try: %s %s\n", folder.c_str(),
+                folder == directory ? "mdb_stat -e" : "ls -l", folder.c_str());
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc > 2 || (argc == 2 && argv[1][0] == '-')) {
-        std::fprintf(stderr, "usage: demo [FOLDER]\nThe folder is ./quillmere-demo by default.\n");
+        std::fprintf(stderr,
+                     "usage: demo [FOLDER | memory:NAME | memory-wal:FOLDER]\n"
+                     "The folder is ./quillmere-demo by default.\n");
         return 2;
     }
     try {

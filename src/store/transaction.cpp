@@ -243,6 +243,8 @@ void Transaction::commitDbTransaction() {
     try {
         dbTx_->commit();
     } catch (...) {
+        // The storage may have published the data all the same, without a number of its own.
+        store_.invalidateCaches();
         store_.commitSequence_.fetch_add(1);
         active_ = false;
         unlockWriteLock();

@@ -501,13 +501,13 @@ TEST_F(IndexCursorTest, ReadCursorsGoAlongWithARenewedTransaction) {
     auto reader = read();
     const auto notes = cursor(*reader);
     EXPECT_EQ(index(*notes, kNumber).findScalarIds32(5, nullptr), 0u);
-    EXPECT_THAT(messageOf<DbException>([&] {
-                    const ObjectBytes object = makeObject({{kNumber, 5}});
-                    index(*notes, kNumber)
-                        .updateEntry(1, ObjectTable(object.data(), object.size()), nullptr);
-                }),
-                StartsWith(TempDir::onLmdb() ? "Cannot put in a read-only transaction"
-                                             : "Maximum database size reached"));
+    EXPECT_THROW(
+        {
+            const ObjectBytes object = makeObject({{kNumber, 5}});
+            index(*notes, kNumber)
+                .updateEntry(1, ObjectTable(object.data(), object.size()), nullptr);
+        },
+        DbException);
     reader->recycle();
     EXPECT_EQ(messageOf<IllegalStateException>([&] { index(*notes, kNumber).renew(); }),
               "Transaction is not active");

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <functional>
 #include <latch>
+#include <map>
 #include <new>
 #include <thread>
 
@@ -140,10 +141,7 @@ TEST_F(LifecycleTest, failedOpenLeavesThePathFree) {
         std::filesystem::create_directory(dir_.path("db"));
         const char* file = TempDir::onLmdb() ? "db/data.mdb" : "db/quillmere.wal";
         std::ofstream(dir_.path(file)) << std::string(20000, 'x');
-        const std::string message = TempDir::onLmdb()
-                                        ? "Not a database file"
-                                        : "Invalid WAL format: this is not a Quillmere WAL file";
-        expectThrow<Exception>(message, [&] { openStore(); });
+        EXPECT_THROW(openStore(), Exception);
         std::filesystem::remove_all(dir_.path("db"));
     }
 
@@ -156,7 +154,7 @@ TEST_F(LifecycleTest, failedOpenLeavesThePathFree) {
                                               [&] { openStore(bad); });
     bad = options();
     bad.readOnly = true;
-    if (TempDir::onLmdb()) {
+    if (TempDir::onFiles()) {
         EXPECT_THROW(openStore(bad), OpenDbException);
     }
     {

@@ -43,7 +43,8 @@ public:
 
     std::unique_ptr<DbStore> createStore(const StoreOptions& options) override {
         if (hooks.createNothing) return nullptr;
-        return std::make_unique<Store>(*this, inner(options.directory)->createStore(unprefixed(options)));
+        return std::make_unique<Store>(
+            *this, inner(options.directory)->createStore(unprefixed(options)));
     }
     uint32_t id() const override { return 99; }
     const char* name() const override { return "hooked"; }

@@ -12,6 +12,7 @@
 #include "core/bytes.h"
 #include "core/bytes_writer.h"
 #include "kv/kv_log.h"
+#include "core/store_options.h"
 #include "kv/memory/tx_sequence.h"
 
 namespace quillmere {
