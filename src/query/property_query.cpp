@@ -1,16 +1,15 @@
 #include "query/property_query.h"
 
-#include <bit>
 #include <limits>
 #include <type_traits>
 
 #include "core/cast.h"
 #include "core/checks.h"
-#include "core/endian.h"
 #include "core/error.h"
 #include "core/int128.h"
 #include "query/distinct_values.h"
 #include "query/float_sum.h"
+#include "query/number_value.h"
 #include "query/property_rules.h"
 #include "query/query.h"
 #include "query/visit_matches.h"
@@ -23,17 +22,6 @@ namespace quillmere {
 namespace {
 
 constexpr int64_t kCountUnknown = -1;  // some values, read from an index
-
-template <class T>
-using BitsOf = std::conditional_t<
-    sizeof(T) == 1, uint8_t,
-    std::conditional_t<sizeof(T) == 2, uint16_t,
-                       std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>>>;
-
-template <class T>
-T loadValue(const uint8_t* field) {
-    return std::bit_cast<T>(loadLittle<BitsOf<T>>(field));
-}
 
 bool hasIntegers(const Property& property) {
     return isIntegerScalar(property.type());
@@ -94,7 +82,7 @@ template <class T, class Visitor>
 void PropertyQuery::visitValues(Cursor& cursor, const T* nullReplacement, Visitor&& visitor) {
     query_.visitMatches(cursor, [&](uint64_t, const ObjectTable& table, const Bytes&) -> bool {
         const uint8_t* const field = table.field(fieldOffset_, sizeof(T));
-        if (field) return visitor(loadValue<T>(field));
+        if (field) return visitor(loadNumber<T>(field));
         return !nullReplacement || visitor(*nullReplacement);
     });
 }
@@ -111,18 +99,14 @@ void PropertyQuery::visitStrings(Cursor& cursor, const char* nullReplacement, Vi
 // Calls `work` with a value of the type that the property's integers have in an object.
 template <class Work>
 auto PropertyQuery::withIntegerType(Work&& work) const {
-    const bool isUnsigned = hasUnsignedValues(property_);
-    switch (propertyTypeSize(property_.type())) {
-        case 1: return isUnsigned ? work(uint8_t{}) : work(int8_t{});
-        case 2: return isUnsigned ? work(uint16_t{}) : work(int16_t{});
-        case 4: return isUnsigned ? work(uint32_t{}) : work(int32_t{});
-        default: return isUnsigned ? work(uint64_t{}) : work(int64_t{});
-    }
+    return quillmere::withIntegerType(
+        property_, [&]<class T>(std::type_identity<T>) { return work(T{}); });
 }
 
 template <class Work>
 auto PropertyQuery::withFloatType(Work&& work) const {
-    return property_.type() == PropertyType::Float ? work(float{}) : work(double{});
+    return quillmere::withFloatType(
+        property_, [&]<class T>(std::type_identity<T>) { return work(T{}); });
 }
 
 // --- counts ---------------------------------------------------------------------------------------
@@ -183,6 +167,9 @@ PropertyQuery::Result<int64_t> PropertyQuery::maxInt(Cursor& cursor) {
 
 PropertyQuery::Result<int64_t> PropertyQuery::extremeInt(Cursor& cursor, Extreme extreme) {
     return withIntegerType([&]<class T>(T) {
+        CHECK_STATE_TEXT_AT(526, hasUnsignedValues(property_) == std::is_unsigned_v<T>,
+                            "minMaxInt",
+                            "property_.isUnsigned() == std::is_unsigned<T>::value");
         if (!query_.hasConditions() && !query_.hasLookups() && property_.isIndexed()) {
             if (const auto indexed = getIndexedScalarMinMax<T>(cursor, extreme)) return *indexed;
         }
@@ -209,6 +196,9 @@ PropertyQuery::Result<int64_t> PropertyQuery::visitExtremeInt(Cursor& cursor, Ex
 template <class T>
 std::optional<PropertyQuery::Result<int64_t>> PropertyQuery::getIndexedScalarMinMax(
     Cursor& cursor, Extreme extreme) {
+    if (hasUnsignedValues(property_) != std::is_unsigned_v<T>) {
+        throwIllegalArgument("Type sign mismatch");
+    }
     query_.checkCursor(cursor);
     IndexCursorSet* const indexCursorSet = cursor.indexCursorSet();
     CHECK_STATE_AT(67, indexCursorSet);

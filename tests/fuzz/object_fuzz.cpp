@@ -34,5 +34,6 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     static volatile unsigned keptFromTheOptimizer;
     keptFromTheOptimizer = sum;
+    static_cast<void>(keptFromTheOptimizer);
     return 0;
 }
