@@ -26,6 +26,7 @@ bench: release-options := -DQUILLMERE_BUILD_BENCH=ON
 bench: build-release
 	build/release/bench/crud_bench
 	build/release/bench/query_bench
+	build/release/bench/wal_bench
 
 sanitize: build-asan build-tsan
 	ctest --test-dir build/asan --output-on-failure --no-tests=error -j2

@@ -10,6 +10,10 @@
 #include "core/cast.h"
 #include "core/error.h"
 
+#ifndef F_OFD_SETLK  // without it the lock belongs to the process
+#define F_OFD_SETLK F_SETLK
+#endif
+
 namespace quillmere {
 
 PathType pathType(const std::string& path, uint64_t* outSize, uint32_t* outMode) {
@@ -47,6 +51,14 @@ std::FILE* createFile(const std::string& path, uint32_t mode) {
     std::FILE* const stream = ::fdopen(descriptor, "w+b");
     if (!stream) ::close(descriptor);
     return stream;
+}
+
+bool lockFile(std::FILE* stream) {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    if (::fcntl(::fileno(stream), F_OFD_SETLK, &lock) == 0) return true;
+    return errno != EAGAIN && errno != EACCES;
 }
 
 bool syncFile(std::FILE* stream) {

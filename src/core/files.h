@@ -28,6 +28,10 @@ int removeDirectory(const std::string& path);
 // made; null, with errno, on failure.
 std::FILE* createFile(const std::string& path, uint32_t mode);
 
+// Locks the file for this stream, until it is closed; false if another one has locked it. Where the
+// file system has no locks, there is none.
+bool lockFile(std::FILE* stream);
+
 // Flushes the stream and brings the file to disk; false on failure.
 bool syncFile(std::FILE* stream);
 // Brings the names in the directory to disk; false, with errno, on failure.

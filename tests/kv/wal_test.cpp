@@ -110,6 +110,19 @@ TEST_F(WalTest, RefusesInvalidHeadersAndRecordsAndLeavesTheFile) {
     EXPECT_EQ(refusal(cutLog.bytes), "Expected 4 available bytes but only got 0 at offset 2");
 }
 
+TEST_F(WalTest, IsOpenForWritingOnce) {
+    open();
+    commit({{"key1", "one"}});
+    const auto openAgain = [&] { return InMemoryProvider(true).createStore(options); };
+    EXPECT_EQ(messageOf<IoException>(openAgain),
+              "Couldn't open WAL file (existing): it is open in another process");
+    commit({{"key2", "two"}});
+    options.readOnly = true;
+    EXPECT_NO_THROW(openAgain());
+    options.readOnly = false;
+    EXPECT_EQ(reopened(), (Records{{"key1", "one"}, {"key2", "two"}}));
+}
+
 // ---- Damage -------------------------------------------------------------------------------------
 
 // A log of several records, and the states between them.

@@ -110,7 +110,11 @@ void WalFile::openStream(bool existing) {
     file_ = existing ? std::fopen(config_.path.c_str(), config_.readOnly ? "rbe" : "r+be")
                      : createFile(config_.path, config_.fileMode);
     if (!file_) {
-        throwIoWithErrno(std::string("Couldn't open WAL file (") + (existing ? "existing)" : "new)"));
+        throwIoWithErrno(existing ? "Couldn't open WAL file (existing)"
+                                  : "Couldn't open WAL file (new)");
+    }
+    if (!config_.readOnly && !lockFile(file_)) {
+        throwIo("Couldn't open WAL file (existing): it is open in another process");
     }
     // A commit's write reaches the system at once and as a whole; nothing of a failed one is left
     // in a buffer to be written later.
