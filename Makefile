@@ -4,7 +4,7 @@
 .NOTPARALLEL:
 
 # The folders of tests/ in which several threads or processes meet.
-concurrent_tests := ^(core|kv|store|capi)/
+concurrent_tests := ^(core|kv|store|capi)([.]memory)?/
 prefix := /usr/local
 
 help:

@@ -357,7 +357,9 @@ QMR_API qmr_err qmr_opt_free(QMR_store_options* opt);
 
 /* These can fail. A failure of the first two is remembered, and an open refuses the options. */
 
-/* Store directory, "quillmere" by default. */
+/* Store directory, "quillmere" by default. "memory:NAME" keeps all data in memory under the name,
+ * until the process ends or qmr_remove_db_files; "memory-wal:PATH" keeps it in memory and logs each
+ * commit to files in the directory. */
 QMR_API qmr_err qmr_opt_directory(QMR_store_options* opt, const char* dir);
 /* Finishes and takes over the model, also on failure. */
 QMR_API qmr_err qmr_opt_model(QMR_store_options* opt, QMR_model* model);

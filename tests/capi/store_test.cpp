@@ -1,5 +1,6 @@
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -91,6 +92,7 @@ TEST_F(StoreFunctions, OpenWhatIsNotOpenWhenAttachingIsAllowed) {
 }
 
 TEST_F(StoreFunctions, TakeANullDirectoryForTheDefaultOne) {
+    if (!TempDir::onLmdb()) GTEST_SKIP() << "the default directory has no prefix";
     const auto before = std::filesystem::current_path();
     std::filesystem::current_path(dir_.path());
     EXPECT_EQ(nullptr, qmr_store_attach(nullptr));
@@ -103,7 +105,7 @@ TEST_F(StoreFunctions, TakeANullDirectoryForTheDefaultOne) {
     EXPECT_TRUE(qmr_store_is_open(nullptr));
     EXPECT_GT(qmr_db_file_size(nullptr), 0u);
     std::filesystem::current_path(before);
-    EXPECT_TRUE(qmr_store_is_open(dir_.storePath("quillmere").c_str()));
+    EXPECT_TRUE(qmr_store_is_open(dir_.path("quillmere").c_str()));
 }
 
 TEST_F(OpenStoreFunctions, ClonesShareTheStore) {
@@ -204,14 +206,25 @@ TEST_F(StoreFunctions, WithoutASchemaHaveNoEntities) {
 }
 
 TEST_F(OpenStoreFunctions, TellTypeAndSizes) {
-    EXPECT_EQ(1u, qmr_store_type_id(store_.get()));
+    EXPECT_EQ(TempDir::onLmdb() ? 1u : TempDir::onFiles() ? 3u : 2u,
+              qmr_store_type_id(store_.get()));
     TxnPtr txn = write();
-    for (int i = 0; i < 500; ++i) putNote(std::string(200, 'x'));
+    std::mt19937 random;  // a log would compress repeated bytes
+    for (int i = 0; i < 500; ++i) {
+        std::string text(200, ' ');
+        for (char& c : text) c = static_cast<char>('a' + random() % 26);
+        putNote(text);
+    }
     ASSERT_EQ(QMR_SUCCESS, qmr_txn_success(txn.release()));
     const uint64_t onDisk = qmr_store_size_on_disk(store_.get());
     EXPECT_GT(qmr_store_size(store_.get()), 100000u);
-    EXPECT_GT(onDisk, 100000u);
-    EXPECT_EQ(onDisk, qmr_db_file_size(dir_.storePath().c_str()));
+    if (TempDir::onFiles()) {
+        EXPECT_GT(onDisk, 100000u);
+        EXPECT_EQ(onDisk, qmr_db_file_size(dir_.storePath().c_str()));
+    } else {
+        EXPECT_EQ(0u, onDisk);
+        EXPECT_EQ(qmr_store_size(store_.get()), qmr_db_file_size(dir_.storePath().c_str()));
+    }
     EXPECT_EQ(0u, qmr_db_file_size(dir_.storePath("none").c_str()));
     EXPECT_EQ(QMR_SUCCESS, qmr_store_debug_flags(store_.get(), 0));
     EXPECT_FALSE(qmr_store_opened_with_previous_commit(store_.get()));
@@ -243,6 +256,7 @@ TEST_F(OpenStoreFunctions, ReadOnlyStoresRefuseWrites) {
 }
 
 TEST_F(StoreFunctions, ReadOnlyStoresNeedADatabase) {
+    if (!TempDir::onFiles()) GTEST_SKIP() << "a name in memory is as good as its empty data";
     QMR_store_options* opt = options(false);
     qmr_opt_read_only(opt, true);
     EXPECT_EQ(nullptr, qmr_store_open(opt));
@@ -251,6 +265,7 @@ TEST_F(StoreFunctions, ReadOnlyStoresNeedADatabase) {
 }
 
 TEST_F(OpenStoreFunctions, ThePreviousCommitComesBack) {
+    if (!TempDir::onLmdb()) GTEST_SKIP() << "the data in memory has no previous commit";
     const uint64_t first = putNote("first");
     const uint64_t second = putNote("second");
     close();

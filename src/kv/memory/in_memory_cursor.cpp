@@ -151,6 +151,17 @@ bool InMemoryCursor::currentValueSize(size_t& outSize) {
 
 // ---- Writes -------------------------------------------------------------------------------------
 
+// The data has changed already: without its record the change must not be committed.
+template <class Write>
+void InMemoryCursor::log(Write write) {
+    try {
+        write();
+    } catch (...) {
+        transaction_->logFailed();
+        throw;
+    }
+}
+
 void InMemoryCursor::put(const void* keyData, size_t keySize, const void* valueData,
                          size_t valueSize) {
     CHECK_STATE_TEXT_AT(129, data_, "put", "!data_.isNull()");
@@ -160,7 +171,7 @@ void InMemoryCursor::put(const void* keyData, size_t keySize, const void* valueD
     }
     iterator_->put(Bytes(keyData, keySize), Bytes(valueData, valueSize));
     adopt(true);
-    if (wal_) wal_->put(keyData, keySize, valueData, valueSize);
+    if (wal_) log([&] { wal_->put(keyData, keySize, valueData, valueSize); });
 }
 
 bool InMemoryCursor::removeCurrent(bool& outHasNext) {
@@ -169,7 +180,7 @@ bool InMemoryCursor::removeCurrent(bool& outHasNext) {
     if (!iterator.current()) return adopt(false);
     if (wal_) removedKey_.assign(iterator.key().data(), iterator.key().size());
     iterator.erase();
-    if (wal_) wal_->remove(removedKey_.data(), removedKey_.size());
+    if (wal_) log([&] { wal_->remove(removedKey_.data(), removedKey_.size()); });
     outHasNext = adopt(iterator.isOn());
     return true;
 }

@@ -47,12 +47,14 @@ public:
     bool removeCurrent(bool& outHasNext) override;
 
 private:
-    // Of these, the last one knows the current key, also if that was set from outside.
+    // Of these, the second one knows the current key, also if that was set from outside.
     InMemoryIterator& iterator();
     InMemoryIterator& iteratorAtKey();
     bool adopt(bool found);
     bool give(bool found, Bytes& outKey, Bytes& outValue);
     bool giveValue(bool found, Bytes& outValue);
+    template <class Write>
+    void log(Write write);
     void drop();
 
     InMemoryTransaction* transaction_;  // null once it has ended
@@ -60,7 +62,7 @@ private:
     std::atomic<bool> released_{false};
     std::shared_ptr<InMemoryData> data_;  // before its iterator
     std::optional<InMemoryIterator> iterator_;
-    WalStorage* const wal_;  // null if nothing is logged
+    WalStorage* const wal_;               // null if nothing is logged
     const uint64_t sizeLimit_;
     const int32_t creatorThread_;
     const bool readOnly_;

@@ -7,6 +7,7 @@
 #include "core/store_options.h"
 #include "kv/memory/in_memory_registry.h"
 #include "kv/memory/in_memory_store.h"
+#include "kv/memory/snapshot_format.h"
 #include "kv/memory/wal_storage.h"
 #include "kv/provider_files.h"
 
@@ -62,6 +63,8 @@ bool InMemoryProvider::removeDbFiles(const StoreOptions& options, bool removeDir
         if (!isRemoved(file.what, result)) return false;
         anyPresent |= result == 0;
     }
+    // What a process left that died while it wrote a snapshot.
+    removeFile(snapshotFilePath(options.directory) + kSnapshotProgressSuffix);
     if (!anyPresent || !removeDirectory) return true;
     return isRemoved("Dir", quillmere::removeDirectory(memoryStoragePath(options.directory)));
 }

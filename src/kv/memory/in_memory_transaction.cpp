@@ -46,7 +46,7 @@ void InMemoryTransaction::begin() {
         if (wal_) wal_->beginTx();
     }
     data_ = std::move(current);
-    cleared_ = false;
+    cleared_ = logFailed_ = false;
 }
 
 void InMemoryTransaction::commit() {
@@ -70,6 +70,7 @@ void InMemoryTransaction::commit() {
 // Gives the failure of a snapshot that was due, as the record is written by then. A log cannot tell
 // that all data was cleared: then the snapshot takes the place of the record.
 std::exception_ptr InMemoryTransaction::writeLog() {
+    if (logFailed_) throwIllegalState("Cannot commit as a change could not be logged");
     if (cleared_) {
         wal_->abortTx();
         wal_->takeSnapshot(*this);

@@ -42,6 +42,8 @@ public:
     uint64_t sizeLimit() const;
     // Where writes go to also; null if they are not logged.
     WalStorage* wal() const { return wal_; }
+    // A change of the data is not in the log: commit() fails then.
+    void logFailed() { logFailed_ = true; }
 
 private:
     std::exception_ptr writeLog();
@@ -50,6 +52,7 @@ private:
     std::shared_ptr<InMemoryData> data_;
     WalStorage* const wal_;
     bool cleared_ = false;  // which the log cannot tell
+    bool logFailed_ = false;
 };
 
 }  // namespace quillmere

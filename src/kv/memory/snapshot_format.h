@@ -33,4 +33,7 @@ enum SnapshotFlags : uint32_t {
     kSnapshotKnownFlags = kSnapshotSequence | 7,  // 4 has no field here
 };
 
+// Of the file that a snapshot is written to before it takes its name.
+inline constexpr const char* kSnapshotProgressSuffix = ".new";
+
 }  // namespace quillmere

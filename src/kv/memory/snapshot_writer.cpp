@@ -36,7 +36,7 @@ uint64_t randomNumber() {
 SnapshotWriter::SnapshotWriter(std::string path, uint32_t flags, const TxSequence& sequence,
                                uint32_t fileMode, const char* kind)
     : path_(std::move(path)),
-      progressPath_(path_ + ".new"),
+      progressPath_(path_ + kSnapshotProgressSuffix),
       flags_(flags),
       txSequence_(sequence),
       fileMode_(fileMode),
