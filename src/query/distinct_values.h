@@ -2,9 +2,9 @@
 
 // Sets that tell whether a value was seen before.
 
+#include <bit>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -15,6 +15,7 @@
 
 #include "core/ascii.h"
 #include "core/hash.h"
+#include "query/number_value.h"
 
 namespace quillmere {
 
@@ -77,19 +78,12 @@ public:
             }
             if (value == 0) value = 0;
         }
-        Bits bits;
-        std::memcpy(&bits, &value, sizeof bits);
-        return seen_.insert(bits);
+        return seen_.insert(std::bit_cast<BitsOf<T>>(value));
     }
     uint64_t size() const { return seen_.size() + nans_; }
 
 private:
-    using Bits = std::conditional_t<
-        sizeof(T) == 1, uint8_t,
-        std::conditional_t<sizeof(T) == 2, uint16_t,
-                           std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>>>;
-
-    FlatSet<Bits> seen_;
+    FlatSet<BitsOf<T>> seen_;
     uint64_t nans_ = 0;
 };
 

@@ -1,16 +1,15 @@
 #include "query/property_query.h"
 
-#include <bit>
 #include <limits>
 #include <type_traits>
 
 #include "core/cast.h"
 #include "core/checks.h"
-#include "core/endian.h"
 #include "core/error.h"
 #include "core/int128.h"
 #include "query/distinct_values.h"
 #include "query/float_sum.h"
+#include "query/number_value.h"
 #include "query/property_rules.h"
 #include "query/query.h"
 #include "query/visit_matches.h"
@@ -23,17 +22,6 @@ namespace quillmere {
 namespace {
 
 constexpr int64_t kCountUnknown = -1;  // some values, read from an index
-
-template <class T>
-using BitsOf = std::conditional_t<
-    sizeof(T) == 1, uint8_t,
-    std::conditional_t<sizeof(T) == 2, uint16_t,
-                       std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>>>;
-
-template <class T>
-T loadValue(const uint8_t* field) {
-    return std::bit_cast<T>(loadLittle<BitsOf<T>>(field));
-}
 
 bool hasIntegers(const Property& property) {
     return isIntegerScalar(property.type());
@@ -94,7 +82,7 @@ template <class T, class Visitor>
 void PropertyQuery::visitValues(Cursor& cursor, const T* nullReplacement, Visitor&& visitor) {
     query_.visitMatches(cursor, [&](uint64_t, const ObjectTable& table, const Bytes&) -> bool {
         const uint8_t* const field = table.field(fieldOffset_, sizeof(T));
-        if (field) return visitor(loadValue<T>(field));
+        if (field) return visitor(loadNumber<T>(field));
         return !nullReplacement || visitor(*nullReplacement);
     });
 }
@@ -106,23 +94,6 @@ void PropertyQuery::visitStrings(Cursor& cursor, const char* nullReplacement, Vi
         if (text.data()) return visitor(text);
         return !nullReplacement || visitor(std::string_view(nullReplacement));
     });
-}
-
-// Calls `work` with a value of the type that the property's integers have in an object.
-template <class Work>
-auto PropertyQuery::withIntegerType(Work&& work) const {
-    const bool isUnsigned = hasUnsignedValues(property_);
-    switch (propertyTypeSize(property_.type())) {
-        case 1: return isUnsigned ? work(uint8_t{}) : work(int8_t{});
-        case 2: return isUnsigned ? work(uint16_t{}) : work(int16_t{});
-        case 4: return isUnsigned ? work(uint32_t{}) : work(int32_t{});
-        default: return isUnsigned ? work(uint64_t{}) : work(int64_t{});
-    }
-}
-
-template <class Work>
-auto PropertyQuery::withFloatType(Work&& work) const {
-    return property_.type() == PropertyType::Float ? work(float{}) : work(double{});
 }
 
 // --- counts ---------------------------------------------------------------------------------------
@@ -150,7 +121,7 @@ uint64_t PropertyQuery::countDistinct(Cursor& cursor, bool caseSensitive) {
         });
         return seen.size();
     }
-    const auto countScalars = [&]<class T>(T) {
+    const auto countScalars = [&]<class T>(std::type_identity<T>) {
         DistinctScalars<T> seen;
         visitValues<T>(cursor, nullptr, [&](T value) {
             seen.add(value);
@@ -158,7 +129,8 @@ uint64_t PropertyQuery::countDistinct(Cursor& cursor, bool caseSensitive) {
         });
         return seen.size();
     };
-    return hasFloats(property_) ? withFloatType(countScalars) : withIntegerType(countScalars);
+    return hasFloats(property_) ? withFloatType(property_, countScalars)
+                                : withIntegerType(property_, countScalars);
 }
 
 // --- minimum and maximum --------------------------------------------------------------------------
@@ -182,7 +154,7 @@ PropertyQuery::Result<int64_t> PropertyQuery::maxInt(Cursor& cursor) {
 }
 
 PropertyQuery::Result<int64_t> PropertyQuery::extremeInt(Cursor& cursor, Extreme extreme) {
-    return withIntegerType([&]<class T>(T) {
+    return withIntegerType(property_, [&]<class T>(std::type_identity<T>) {
         if (!query_.hasConditions() && !query_.hasLookups() && property_.isIndexed()) {
             if (const auto indexed = getIndexedScalarMinMax<T>(cursor, extreme)) return *indexed;
         }
@@ -240,7 +212,7 @@ PropertyQuery::Result<double> PropertyQuery::maxDouble(Cursor& cursor) {
 
 PropertyQuery::Result<double> PropertyQuery::extremeDouble(Cursor& cursor, Extreme extreme) {
     constexpr double kInfinity = std::numeric_limits<double>::infinity();
-    return withFloatType([&]<class T>(T) {
+    return withFloatType(property_, [&]<class T>(std::type_identity<T>) {
         Result<double> result{0, extreme == Extreme::Min ? kInfinity : -kInfinity};
         visitValues<T>(cursor, nullptr, [&](double value) {
             const bool better =
@@ -258,7 +230,7 @@ PropertyQuery::Result<double> PropertyQuery::extremeDouble(Cursor& cursor, Extre
 
 // Can not overflow.
 PropertyQuery::Result<Int128> PropertyQuery::sumExactly(Cursor& cursor) {
-    return withIntegerType([&]<class T>(T) {
+    return withIntegerType(property_, [&]<class T>(std::type_identity<T>) {
         Result<Int128> sum;
         visitValues<T>(cursor, nullptr, [&](T value) {
             sum.value += value;
@@ -287,7 +259,7 @@ PropertyQuery::Result<int64_t> PropertyQuery::sumInt(Cursor& cursor) {
 
 PropertyQuery::Result<int64_t> PropertyQuery::sumUnsigned(Cursor& cursor) {
     Result<uint64_t> sum;
-    withIntegerType([&]<class T>(T) {
+    withIntegerType(property_, [&]<class T>(std::type_identity<T>) {
         visitValues<T>(cursor, nullptr, [&](T value) {
             const uint64_t before = sum.value;
             if (__builtin_add_overflow(before, static_cast<uint64_t>(value), &sum.value)) {
@@ -313,7 +285,7 @@ PropertyQuery::Result<double> PropertyQuery::sumDouble(Cursor& cursor) {
         const auto [count, sum] = sumExactly(cursor);
         return {count, toDouble(sum)};
     }
-    return withFloatType([&]<class T>(T) {
+    return withFloatType(property_, [&]<class T>(std::type_identity<T>) {
         CompensatedSum sum;
         int64_t count = 0;
         visitValues<T>(cursor, nullptr, [&](double value) {
@@ -344,7 +316,7 @@ PropertyQuery::Result<double> PropertyQuery::avgDouble(Cursor& cursor) {
     if (!hasIntegers(property_) && !hasFloats(property_)) failUnsupported("");
     start("Getting double average using query");
     if (hasFloats(property_)) {
-        return withFloatType([&]<class T>(T) {
+        return withFloatType(property_, [&]<class T>(std::type_identity<T>) {
             FloatMean mean;
             visitValues<T>(cursor, nullptr, [&](double value) { return mean.add(value); });
             return Result<double>{mean.count(), mean.value()};
