@@ -165,8 +165,8 @@ PrivateMemory beforeOpen;
 
 void printGrowth() {
     const PrivateMemory now = privateMemory();
-    std::printf("%lld %lld\n", static_cast<long long>(now.dirtyKb - beforeOpen.dirtyKb),
-                static_cast<long long>(now.cleanKb - beforeOpen.cleanKb));
+    std::printf("%lld %lld\n", static_cast<long long>(now.anonymousKb - beforeOpen.anonymousKb),
+                static_cast<long long>(now.fileKb - beforeOpen.fileKb));
 }
 
 // Runs in a fresh process, whose memory nothing has touched yet.
@@ -200,9 +200,9 @@ void printMemory(const Settings& settings) {
     const auto lmdb = growthOnOpen(settings, "lmdb");
     std::printf("\n%-38s  %-26s  %-26s\n", "private memory of an empty store, KiB", "Quillmere",
                 "raw LMDB");
-    std::printf("%-38s  %-26ld  %-26ld\n", "written pages", quillmere.dirtyKb, lmdb.dirtyKb);
-    std::printf("%-38s  %-26ld  %-26ld\n", "pages of files, code included", quillmere.cleanKb,
-                lmdb.cleanKb);
+    std::printf("%-38s  %-26ld  %-26ld\n", "own pages", quillmere.anonymousKb, lmdb.anonymousKb);
+    std::printf("%-38s  %-26ld  %-26ld\n", "pages of files, code included", quillmere.fileKb,
+                lmdb.fileKb);
 }
 
 CrudSettings parseArguments(int argc, char** argv) {

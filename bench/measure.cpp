@@ -72,7 +72,9 @@ PrivateMemory privateMemory() {
         if (!line) throw std::runtime_error(std::string("No line in smaps_rollup: ") + key);
         return std::strtoll(line + std::strlen(key), nullptr, 10);
     };
-    return {valueOf("Private_Dirty:"), valueOf("Private_Clean:")};
+    // A page of a file that was just written, as a library after its build, counts as dirty too.
+    const int64_t anonymous = valueOf("Anonymous:");
+    return {anonymous, valueOf("Private_Dirty:") + valueOf("Private_Clean:") - anonymous};
 }
 
 void pinToCore(int core) {

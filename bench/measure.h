@@ -21,8 +21,8 @@ uint64_t allocationsOf(uint32_t first, uint32_t last, Operation&& operation) {
 }
 
 struct PrivateMemory {
-    int64_t dirtyKb = 0;  // written pages that no other process maps
-    int64_t cleanKb = 0;  // pages of files, unwritten, that no other process maps right now
+    int64_t anonymousKb = 0;  // written pages that no other process maps
+    int64_t fileKb = 0;       // pages of files that no other process maps right now
 };
 PrivateMemory privateMemory();
 

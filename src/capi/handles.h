@@ -59,8 +59,10 @@ struct QMR_observer {
 
 namespace quillmere {
 
-// The transaction of a cursor. Throws IllegalStateException once it is closed.
+// The transaction of a cursor. Throws IllegalStateException once it is closed, and
+// StoreClosedException once the store is.
 inline Transaction& liveTx(const QMR_cursor& cursor) {
+    cursor.cursor->requireStorage();
     if (!cursor.cursor->txAlive()) throwIllegalState("Transaction of the cursor is closed");
     return cursor.cursor->tx();
 }

@@ -44,7 +44,7 @@ public:
     void setView(const void* data, size_t size) {
         if (owned_) [[unlikely]] freeBlock();
         data_ = static_cast<const uint8_t*>(data);
-        setSizeBits(size);
+        sizeWord_ = (sizeWord_ & ~kSizeMask) | size;  // no memory has so many bytes
     }
     void clear();
     void resize(size_t size);

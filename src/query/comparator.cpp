@@ -1,13 +1,13 @@
 #include "query/comparator.h"
 
-#include <bit>
 #include <limits>
 #include <string_view>
 #include <type_traits>
 #include <utility>
 
-#include "core/endian.h"
 #include "core/error.h"
+#include "query/number_value.h"
+#include "query/property_rules.h"
 #include "query/text_compare.h"
 #include "schema/property.h"
 #include "store/object_table.h"
@@ -56,8 +56,8 @@ public:
     bool before(const ObjectTable& a, const ObjectTable& b) const override {
         const uint8_t* const aField = a.field(slot_, sizeof(T));
         const uint8_t* const bField = b.field(slot_, sizeof(T));
-        const T aValue = aField ? load(aField) : replacement_;
-        const T bValue = bField ? load(bField) : replacement_;
+        const T aValue = aField ? loadNumber<T>(aField) : replacement_;
+        const T bValue = bField ? loadNumber<T>(bField) : replacement_;
         // A NaN is neither before nor behind anything.
         if (aValue != bValue) return descending_ ? aValue > bValue : aValue < bValue;
         // A value that equals what a null counts as.
@@ -66,13 +66,6 @@ public:
     }
 
 private:
-    using Bits = std::conditional_t<
-        sizeof(T) == 1, uint8_t,
-        std::conditional_t<sizeof(T) == 2, uint16_t,
-                           std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>>>;
-
-    static T load(const uint8_t* field) { return std::bit_cast<T>(loadLittle<Bits>(field)); }
-
     const T replacement_;
     const bool nullsZero_;
 };
@@ -118,8 +111,7 @@ Next makeScalar(const Property& property, uint32_t flags, Next next) {
 template <class Signed>
 Next makeInteger(const Property& property, uint32_t flags, Next next) {
     using Unsigned = std::make_unsigned_t<Signed>;
-    const bool isUnsigned = (flags & kOrderUnsigned) || property.hasFlag(kPropertyUnsigned) ||
-                            property.hasFlag(kPropertyId);
+    const bool isUnsigned = (flags & kOrderUnsigned) || hasUnsignedValues(property);
     return isUnsigned ? makeScalar<Unsigned>(property, flags, std::move(next))
                       : makeScalar<Signed>(property, flags, std::move(next));
 }

@@ -12,6 +12,7 @@
 #include "schema/relation.h"
 #include "store/cursor.h"
 #include "store/index_cursor.h"
+#include "store/object_id.h"
 #include "store/object_table.h"
 #include "store/relation_cursor.h"
 
@@ -22,9 +23,9 @@ constexpr uint64_t kWordBits = 64;
 // Up to so many bits for each ID, a bitmap is much faster than sorting.
 constexpr uint64_t kMaxBitsPerId = 256;
 
-// `first` is the lowest ID and none is `range` or more above it.
-void sortUniqueByBitmap(std::vector<uint64_t>& ids, uint64_t first, uint64_t range) {
-    std::vector<uint64_t> words(range / kWordBits + 1);
+// `first` is the lowest ID and none is more than `distance` above it.
+void sortUniqueByBitmap(std::vector<uint64_t>& ids, uint64_t first, uint64_t distance) {
+    std::vector<uint64_t> words(distance / kWordBits + 1);
     for (const uint64_t id : ids) {
         words[(id - first) / kWordBits] |= uint64_t{1} << (id - first) % kWordBits;
     }
@@ -39,9 +40,9 @@ void sortUniqueByBitmap(std::vector<uint64_t>& ids, uint64_t first, uint64_t ran
 void sortUnique(std::vector<uint64_t>& ids) {
     if (ids.empty()) return;
     const auto [low, high] = std::minmax_element(ids.begin(), ids.end());
-    const uint64_t first = *low, range = *high - *low + 1;
-    if (range / kMaxBitsPerId < ids.size()) {
-        sortUniqueByBitmap(ids, first, range);
+    const uint64_t first = *low, distance = *high - *low;
+    if (distance / kMaxBitsPerId < ids.size()) {
+        sortUniqueByBitmap(ids, first, distance);
     } else {
         std::sort(ids.begin(), ids.end());
         ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
@@ -118,14 +119,14 @@ void QueryConditionLink::stepThroughProperty(Cursor& source, const Ids& linked, 
     for (const uint64_t id : linked) indexCursor.findScalarIds64(id, &ids);
 }
 
-// The linked objects refer to the IDs.
+// The linked objects refer to the IDs. What no object can have, a field may still hold.
 void QueryConditionLink::stepAgainstProperty(Cursor& source, const Ids& linked, Ids& ids) const {
     const uint16_t slot = relationProperty_->flatOffset();
     Bytes object;
     for (const uint64_t id : linked) {
         if (!source.get(id, object)) continue;
         const auto target = ObjectTable(object.data(), object.size()).scalar<uint64_t>(slot);
-        if (target != 0) ids.push_back(target);
+        if (isObjectId(target)) ids.push_back(target);
     }
 }
 

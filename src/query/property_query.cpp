@@ -155,6 +155,8 @@ PropertyQuery::Result<int64_t> PropertyQuery::maxInt(Cursor& cursor) {
 
 PropertyQuery::Result<int64_t> PropertyQuery::extremeInt(Cursor& cursor, Extreme extreme) {
     return withIntegerType(property_, [&]<class T>(std::type_identity<T>) {
+        CHECK_STATE_TEXT_AT(526, hasUnsignedValues(property_) == std::is_unsigned_v<T>,
+                            "minMaxInt", "property_.isUnsigned() == std::is_unsigned<T>::value");
         if (!query_.hasConditions() && !query_.hasLookups() && property_.isIndexed()) {
             if (const auto indexed = getIndexedScalarMinMax<T>(cursor, extreme)) return *indexed;
         }
@@ -181,6 +183,9 @@ PropertyQuery::Result<int64_t> PropertyQuery::visitExtremeInt(Cursor& cursor, Ex
 template <class T>
 std::optional<PropertyQuery::Result<int64_t>> PropertyQuery::getIndexedScalarMinMax(
     Cursor& cursor, Extreme extreme) {
+    if (hasUnsignedValues(property_) != std::is_unsigned_v<T>) {
+        throwIllegalArgument("Type sign mismatch");
+    }
     query_.checkCursor(cursor);
     IndexCursorSet* const indexCursorSet = cursor.indexCursorSet();
     CHECK_STATE_AT(67, indexCursorSet);

@@ -1,17 +1,33 @@
 #include "query/scalar_condition.h"
 
 #include <algorithm>
+#include <bit>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 
+#include "core/error.h"
 #include "query/number_value.h"
 #include "store/index_cursor.h"
 #include "store/object_table.h"
 
 namespace quillmere {
 namespace {
+
+struct EqualBits {
+    template <class T>
+    bool operator()(T a, T b) const {
+        return std::bit_cast<BitsOf<T>>(a) == std::bit_cast<BitsOf<T>>(b);
+    }
+};
+struct UnequalBits {
+    template <class T>
+    bool operator()(T a, T b) const {
+        return !EqualBits()(a, b);
+    }
+};
 
 // What a condition on one number shares, be it on a scalar or on a vector.
 template <class T>
@@ -49,6 +65,8 @@ public:
     bool lookupIndex(IndexCursor& cursor, std::vector<uint64_t>& ids, bool&) override {
         if constexpr (!kIsEqual) {
             return false;
+        } else if constexpr (std::is_floating_point_v<T>) {
+            throwException("Use of unsafe end-swapped floating point value");
         } else if constexpr (sizeof(T) == sizeof(uint64_t)) {
             cursor.findScalarIds64(static_cast<uint64_t>(this->value_), &ids);
         } else {
@@ -60,9 +78,7 @@ public:
     }
 
 private:
-    // There are no floats among these: the order of their bits is not theirs.
-    static constexpr bool kIsEqual = std::is_same_v<Compare, std::equal_to<>>;
-    static_assert(!kIsEqual || std::is_integral_v<T>);
+    static constexpr bool kIsEqual = std::is_same_v<Compare, EqualBits>;
 };
 
 template <class T, class Compare>
@@ -110,10 +126,10 @@ public:
 private:
     template <class Number>
     void setBounds(Number a, Number b) {
-        const T low = toPropertyValue<T>(property(), a);
-        const T high = toPropertyValue<T>(property(), b);
-        low_ = std::min(low, high);
-        high_ = std::max(low, high);
+        const T first = toPropertyValue<T>(property(), a);
+        const T second = toPropertyValue<T>(property(), b);
+        // Keeps both, also a NaN, which no value is within.
+        std::tie(low_, high_) = std::minmax(first, second);
     }
 
     T low_;
@@ -140,18 +156,13 @@ std::unique_ptr<QueryCondition> makeForOp(const Property& property, QueryOp op, 
             return makeNumberCondition<T, std::greater<>>(property, op, value);
         case QueryOp::GreaterOrEqual:
             return makeNumberCondition<T, std::greater_equal<>>(property, op, value);
+        case QueryOp::Equal:
+            return makeNumberCondition<T, EqualBits>(property, op, value);
+        case QueryOp::NotEqual:
+            return makeNumberCondition<T, UnequalBits>(property, op, value);
         default:
-            break;
+            throwUnsupportedOp(op);
     }
-    if constexpr (std::is_integral_v<T>) {
-        if (op == QueryOp::Equal) {
-            return makeNumberCondition<T, std::equal_to<>>(property, op, value);
-        }
-        if (op == QueryOp::NotEqual) {
-            return makeNumberCondition<T, std::not_equal_to<>>(property, op, value);
-        }
-    }
-    throwUnsupportedOp(op);
 }
 
 }  // namespace

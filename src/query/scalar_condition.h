@@ -13,7 +13,8 @@ namespace quillmere {
 // and NumericOverflowException for a value that it can not have.
 std::unique_ptr<QueryCondition> makeScalarCondition(const Property& property, QueryOp op,
                                                     int64_t value);
-// An order op, for floats and vectors of them.
+// The same for floats and vectors of them. No builder asks for their "==" or "!=", which compare
+// bits.
 std::unique_ptr<QueryCondition> makeScalarCondition(const Property& property, QueryOp op,
                                                     double value);
 // The bounds may come in either order and are both included. REQUIRES: an integer or float scalar.

@@ -49,7 +49,7 @@ private:
     size_t minLength_ = std::numeric_limits<size_t>::max();
     size_t maxLength_ = 0;
     size_t lengthBits_ = 0;  // of all lengths
-    mutable std::string folded_;  // has room for maxLength_: a look-up allocates nothing
+    mutable std::string folded_;  // memory for look-ups: at most maxLength_
     bool caseSensitive_;
 };
 

@@ -34,11 +34,12 @@ void Query::visitMatches(Cursor& cursor, Visitor&& visitor) {
 template <class Visitor>
 void Query::visitCandidates(Cursor& cursor, const Ids& candidates, Visitor& visitor) {
     Bytes object;
+    const bool mustCheck = !lastAllDefinite_;  // a run inside of the visitor has its own state
     const auto visit = [&](uint64_t id) {
         if (id == 0) [[unlikely]] checks::failState("id", 193);
         if (!cursor.get(id, object)) return true;
         const ObjectTable table(object.data(), object.size());
-        if (!lastAllDefinite_ && !root_->check({cursor, table})) return true;
+        if (mustCheck && !root_->check({cursor, table})) return true;
         return static_cast<bool>(visitor(id, table, std::as_const(object)));
     };
     if (reverse_) {

@@ -1,8 +1,8 @@
 #pragma once
 
 // What reading and synchronising a schema asks of the store: the elements of the schema partition,
-// the removal of data that a migration gives up and the filling of new indexes. Implemented by the object store on one
-// transaction.
+// the removal of data that a migration gives up and the filling of new indexes. Implemented by the
+// object store on one transaction.
 
 #include <cstddef>
 #include <cstdint>

@@ -364,6 +364,7 @@ void Cursor::putRaw(uint64_t id, const void* data, size_t size) {
 
 // The one place where objects are written. Arguments are refused before the indexes change.
 void Cursor::writeValue(uint64_t id, const void* data, size_t size, bool isUpdate) {
+    requireStorage();  // the indexes come before the object
     // Rounded up, a size near the end of the range would become 0.
     if (size > kMaxObjectSize) [[unlikely]] throwTooLarge(size);
     const size_t newSize = sizeToStore(size);
@@ -461,6 +462,7 @@ uint64_t Cursor::removeAll() {
 }
 
 uint64_t Cursor::removeAllBatch(uint64_t& outChanges, bool stopEarly) {
+    requireStorage();
     const uint64_t before = outChanges;
     const auto stop = [&] { return stopEarly && outChanges != before; };
     if (indexCursorSet_) indexCursorSet_->removeAll(outChanges, stopEarly);
@@ -520,6 +522,7 @@ uint64_t Cursor::removeAllObjects() {
 // --- indexes and relations --------------------------------------------------------------------
 
 IndexCursor& Cursor::getIndexCursor(const Property& property) {
+    requireStorage();
     const bool propertyIsIndexed = property.isIndexed();
     CHECK_STATE_AT(604, propertyIsIndexed);
     CHECK_STATE_AT(606, indexCursorSet_);
@@ -529,6 +532,7 @@ IndexCursor& Cursor::getIndexCursor(const Property& property) {
 }
 
 RelationCursor& Cursor::relationCursor(uint32_t relationId) {
+    requireStorage();
     RelationCursor* const found = relationCursorSet_ ? relationCursorSet_->find(relationId)
                                                      : nullptr;
     if (!found) {

@@ -134,13 +134,15 @@ public:
     // False once the transaction has been destroyed.
     bool txAlive() const { return !txGone_.load(); }
 
-private:
-    bool checked(bool found) const;
-    uint64_t place() const;
-    // Throws StoreClosedException once the store has given up waiting for this transaction.
+    // Throws StoreClosedException once the store has given up waiting for this transaction: it, its
+    // storage and its schema are gone then.
     void requireStorage() const {
         if (activity_->storeClosed.load(std::memory_order_relaxed)) [[unlikely]] failClosed();
     }
+
+private:
+    bool checked(bool found) const;
+    uint64_t place() const;
     PartitionCursor& openKv() {
         requireStorage();
         return kv_;

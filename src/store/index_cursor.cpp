@@ -32,16 +32,17 @@ constexpr size_t kStringKeyOverhead = sizeof(uint32_t) + kLongIdSize;
 constexpr size_t kSizeUnit = 4;  // of key size plus value size
 constexpr uint8_t kZeroValue[kSizeUnit] = {};
 
-// Takes the transaction's flag away again, however the replacing ends.
+// Takes the transaction's flag away again, however the replacing ends. One may be inside another.
 class SilentChanges {
 public:
-    explicit SilentChanges(Transaction& tx) : tx_(tx) { tx_.setSilentChanges(true); }
-    ~SilentChanges() { tx_.setSilentChanges(false); }
+    explicit SilentChanges(Transaction& tx) : tx_(tx), before_(tx.setSilentChanges(true)) {}
+    ~SilentChanges() { tx_.setSilentChanges(before_); }
     SilentChanges(const SilentChanges&) = delete;
     SilentChanges& operator=(const SilentChanges&) = delete;
 
 private:
     Transaction& tx_;
+    const bool before_;
 };
 
 bool isScalar(PropertyType type) {
@@ -279,12 +280,16 @@ void IndexCursor::checkUnique(uint64_t id, const ObjectTable& newTable, Cursor& 
     holders_ = std::move(ids);
 }
 
-// The objects with the value of this one. Absent fields and empty strings never conflict.
+// The objects with the value of this one. Absent fields, empty strings and to-one relations that
+// refer to nothing never conflict: else removing the targets of two objects would fail, or remove
+// one of the two.
 void IndexCursor::findHolders(const ObjectTable& newTable, Cursor& cursor,
                               std::vector<uint64_t>& ids) {
     if (fieldSize_ != 0) {
         uint64_t value = 0;
-        if (readScalar(newTable, value)) findScalarIds(value, &ids);
+        if (!readScalar(newTable, value)) return;
+        if (value == kNoId && type_ == PropertyType::Relation) return;
+        findScalarIds(value, &ids);
     } else if (isString()) {
         const std::string_view value = newTable.string(fieldOffset_);
         if (!value.empty()) findExactStringIds(value, ids, cursor);

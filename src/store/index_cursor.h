@@ -54,7 +54,8 @@ public:
     bool unique() const { return unique_; }
 
     // Throws UniqueViolationException if another object than `id` has the new object's value, or
-    // removes the others through `cursor` if the property replaces on conflict.
+    // removes the others through `cursor` if the property replaces on conflict. No value conflicts
+    // if it is absent, an empty string or a to-one relation to nothing.
     void checkUnique(uint64_t id, const ObjectTable& newTable, Cursor& cursor);
     // Brings the index in line for one put; `oldTable` is null for a new object.
     void updateEntry(uint64_t id, const ObjectTable& newTable, const ObjectTable* oldTable);

@@ -82,7 +82,7 @@ void StoreSchemaHost::rebuildIndex(const Entity& entity, const Property& propert
     Bytes object;
     for (bool found = objects->first(object); found; found = objects->next(object)) {
         const ObjectTable table(object.data(), object.size());
-        indexCursor->updateEntry(objects->currentId(), table, nullptr);
+        indexCursor->updateEntry(objects->placeId(), table, nullptr);
     }
 }
 

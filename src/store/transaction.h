@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kv/tx_context.h"
@@ -74,8 +75,9 @@ public:
     bool recycled() const { return recycled_; }
     bool skipSyncCheck() const { return skipSyncCheck_; }
     bool trackDataSize() const { return trackDataSize_; }
-    // Set while a change that has to finish is under way; commit refuses then.
-    void setSilentChanges(bool value) { silentChanges_ = value; }
+    // Set while a change that has to finish is under way; commit refuses then. Gives the former
+    // value.
+    bool setSilentChanges(bool value) { return std::exchange(silentChanges_, value); }
 
     // For a closing cursor: see Cursor's destructor for the order of the two mutexes.
     std::mutex& cursorsMutex() { return cursorsMutex_; }

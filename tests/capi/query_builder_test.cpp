@@ -1,3 +1,5 @@
+#include <flatbuffers/flexbuffers.h>
+
 #include <cstdint>
 #include <vector>
 
@@ -56,10 +58,6 @@ TEST_F(QueryBuilderTest, EachConditionSelectsWhatItsNameSays) {
         {[](auto* b) { return qmr_qb_less_than_string(b, kName, "Cid", true); }, {1}},
         {[](auto* b) { return qmr_qb_less_or_equal_string(b, kName, "Cid", true); }, {1, 3}},
         {[](auto* b) { return qmr_qb_any_equals_string(b, kName, "i", true); }, {3}},
-        {[](auto* b) { return qmr_qb_contains_element_string(b, kExtra, "likes", true); }, {2}},
-        {[](auto* b) { return qmr_qb_contains_element_string(b, kExtra, "tea", true); }, {}},
-        {[](auto* b) { return qmr_qb_contains_key_value_string(b, kExtra, "likes", "TEA", false); },
-         {2}},
         {[](auto* b) { return qmr_qb_in_strings(b, kName, names, 2, true); }, {3, 4}},
         {[](auto* b) { return qmr_qb_equals_bytes(b, kData, "\x01\x02", 2); }, {3}},
         {[](auto* b) { return qmr_qb_equals_bytes(b, kData, nullptr, 0); }, {}},
@@ -74,6 +72,48 @@ TEST_F(QueryBuilderTest, EachConditionSelectsWhatItsNameSays) {
         EXPECT_EQ(expected, idsWith(add));
     }
     EXPECT_TRUE(noLastError());
+}
+
+TEST_F(QueryBuilderTest, FlexConditionsTellKeysFromValues) {
+    const auto putFlex = [this](uint64_t id, auto&& add) {
+        flexbuffers::Builder flex;
+        add(flex);
+        flex.Finish();
+        const auto& data = flex.GetBuffer();
+        putCustomer(id, {{kExtra, std::string(data.begin(), data.end())}});
+    };
+    putFlex(5, [](auto& flex) { flex.String("key"); });
+    putFlex(6, [](auto& flex) { flex.Vector([&] { flex.Int(42), flex.String("key"); }); });
+    putFlex(7, [](auto& flex) { flex.Map([&] { flex.String("key", "Value"); }); });
+    putFlex(8, [](auto& flex) { flex.Map([&] { flex.String("Value", "key"); }); });
+    const std::pair<Add, std::vector<uint64_t>> cases[] = {
+        {[](auto* b) { return qmr_qb_equals_string(b, kExtra, "KEY", false); }, {5}},
+        {[](auto* b) { return qmr_qb_equals_string(b, kExtra, "KEY", true); }, {}},
+        {[](auto* b) { return qmr_qb_contains_element_string(b, kExtra, "key", true); }, {6, 7}},
+        {[](auto* b) {
+             return qmr_qb_contains_key_value_string(b, kExtra, "key", "value", false);
+         }, {7}},
+        {[](auto* b) {
+             return qmr_qb_contains_key_value_string(b, kExtra, "key", "value", true);
+         }, {}},
+    };
+    for (const auto& [add, expected] : cases) {
+        SCOPED_TRACE(&add - &cases[0].first);
+        EXPECT_EQ(expected, idsWith(add));
+    }
+
+    const BuilderPtr b = builder();
+    qmr_qb_contains_key_value_string(b.get(), kExtra, "key", "Value", true);
+    qmr_qb_param_alias(b.get(), "pair");
+    const QueryPtr query = build(b);
+    EXPECT_THAT(ids(query), ElementsAre(7));
+    EXPECT_EQ(QMR_SUCCESS, qmr_query_param_2strings(query.get(), 0, kExtra, "Value", "key"));
+    EXPECT_THAT(ids(query), ElementsAre(8));
+    EXPECT_EQ(QMR_SUCCESS, qmr_query_param_alias_2strings(query.get(), "pair", "key", "Value"));
+    EXPECT_THAT(ids(query), ElementsAre(7));
+    EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT, qmr_query_param_string(query.get(), 0, kExtra, "x"));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_ARGUMENT,
+                            "does not expect parameter of type string (op: contains)"));
 }
 
 TEST_F(QueryBuilderTest, ConditionsCombineByTheirIds) {

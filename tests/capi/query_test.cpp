@@ -350,8 +350,6 @@ TEST_F(QueryRunTest, ParametersReachEachKindOfConditionByPropertyAndByAlias) {
          SET(double, kWeight, 70.5), {2}},
         {[](auto* b) { return qmr_qb_between_2doubles(b, kWeight, 0, 0); },
          SET(2doubles, kWeight, 60, 75), {1, 3}},
-        {[](auto* b) { return qmr_qb_contains_key_value_string(b, kExtra, "", "", true); },
-         SET(2strings, kExtra, "likes", "tea"), {2}},
         {[](auto* b) { return qmr_qb_equals_bytes(b, kData, "", 0); },
          SET(bytes, kData, "\x01\x02", 2), {3}},
     };

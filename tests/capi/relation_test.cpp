@@ -2,6 +2,7 @@
 
 #include "capi/handles.h"
 #include "capi/store_fixture.h"
+#include "support/expected_leak.h"
 
 namespace quillmere {
 namespace {
@@ -128,6 +129,35 @@ TEST_F(RelationTest, LinksOfACursorBelongToItsTransaction) {
         EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_STATE, "No relation for relation ID 9"));
     }
     EXPECT_THAT(idsOf(qmr_kist_rel_get_ids(kist(kCustomer), kFavourites, 1)), IsEmpty());
+}
+
+// Index and relation cursors have positions of their own in the storage that is gone.
+TEST_F(RelationTest, NoCursorIsUsedAfterTheStoreGaveUpWaitingForIt) {
+    ASSERT_EQ(QMR_SUCCESS, putOrder(10, 1, 77));
+    ASSERT_EQ(QMR_SUCCESS, qmr_kist_rel_put(kist(kCustomer), kFavourites, 1, 5));
+    TxnPtr txn;
+    CursorPtr customers;
+    CursorPtr orders;
+    {
+        const ExpectedLeak engineTransaction;
+        txn = read();
+        customers.reset(qmr_cursor(txn.get(), kCustomer));
+        orders.reset(qmr_cursor(txn.get(), kOrder));
+        EXPECT_THAT(idsOf(qmr_cursor_rel_ids(customers.get(), kFavourites, 1)), ElementsAre(5));
+        EXPECT_THAT(idsOf(qmr_cursor_backlink_ids(orders.get(), kOrder, kCustomerId, 1)),
+                    ElementsAre(10));
+    }
+    close();
+    const ObjectBytes order = makeObject({{1, uint64_t{11}}, {kNumber, int64_t{78}}});
+    EXPECT_EQ(nullptr, qmr_cursor_rel_ids(customers.get(), kFavourites, 1));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_SHUTTING_DOWN, "Store is already closed"));
+    EXPECT_EQ(QMR_ERROR_SHUTTING_DOWN, qmr_cursor_rel_put(customers.get(), kFavourites, 1, 6));
+    EXPECT_EQ(nullptr, qmr_cursor_backlinks(customers.get(), kOrder, kCustomerId, 1));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_SHUTTING_DOWN, "Store is already closed"));
+    EXPECT_EQ(QMR_ERROR_SHUTTING_DOWN,
+              qmr_cursor_put_new(orders.get(), 11, order.data(), order.size()));
+    EXPECT_EQ(QMR_ERROR_SHUTTING_DOWN, qmr_cursor_remove_all(orders.get()));
+    EXPECT_EQ(QMR_ERROR_SHUTTING_DOWN, qmr_expired_objects_remove(txn.get(), 0, nullptr));
 }
 
 TEST_F(RelationTest, AUniqueViolationHasItsCodeAndChangesNothing) {

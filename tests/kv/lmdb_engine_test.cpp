@@ -15,11 +15,14 @@
 #include <map>
 #include <memory>
 #include <numeric>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "support/seed.h"
 
 namespace {
 
@@ -678,6 +681,68 @@ TEST_F(LmdbEngineTest, nodeThatClaimsDuplicatesIsReportedAsCorrupt) {
         return mdb_cursor_del(c, 0);
     });
     testing::internal::GetCapturedStderr();
+}
+
+// Runs of rising keys through several cursors, broken by puts elsewhere, removals and steps: the way
+// without a search must leave the same tree as the engine's own.
+TEST_F(LmdbEngineTest, putsInPlaceAndPlainStepsAgreeWithAMap) {
+    std::mt19937 random(quillmere::testSeed());
+    auto below = [&](unsigned limit) { return random() % limit; };
+    auto keyOf = [](unsigned number) { return "key" + std::to_string(1000000 + number); };
+    EnvPtr env = open();
+    Map model;
+    for (int round = 0; round < 20; round++) {
+        TxnPtr txn = begin(env.get());
+        std::vector<MDB_cursor*> cursors(3); // they end with the transaction
+        for (MDB_cursor*& cursor : cursors) {
+            require(mdb_cursor_open(txn.get(), kMainDb, &cursor), "cursor");
+        }
+        for (int run = 0; run < 60; run++) {
+            MDB_cursor* cursor = cursors[below(3)];
+            const unsigned from = below(100000);
+            const unsigned step = 1 + below(3);
+            const unsigned count = below(5) == 0 ? 100 : below(8);
+            for (unsigned i = 0; i < count; i++) {
+                std::string key = keyOf(from + i * step);
+                std::string value(below(40) == 0 ? 3000 + below(6000) : below(150),
+                                  static_cast<char>('a' + below(26)));
+                MDB_val keyVal = toVal(key), valueVal = toVal(value);
+                require(qmr_mdb_cursor_put(cursor, &keyVal, &valueVal), "put");
+                model[key] = value;
+                // Another cursor in the same page, or this one, is moved on the way.
+                if (below(20) != 0) continue;
+                MDB_cursor* other = cursors[below(3)];
+                std::string near = keyOf(from + below(3 * count + 1));
+                keyVal = toVal(near);
+                int rc = mdb_cursor_get(other, &keyVal, &valueVal, MDB_SET_RANGE);
+                auto at = model.lower_bound(near);
+                if (rc == 0 && below(2) == 0) {
+                    ASSERT_TRUE(at != model.end());
+                    require(mdb_cursor_del(other, 0), "remove");
+                    at = model.erase(at);
+                } else if (at != model.end()) {
+                    ++at;
+                }
+                if (rc != 0) continue;
+                rc = qmr_mdb_cursor_next(other, &keyVal, &valueVal);
+                ASSERT_EQ(rc, at == model.end() ? MDB_NOTFOUND : 0);
+                if (rc != 0) continue;
+                ASSERT_EQ(std::string_view(static_cast<char*>(keyVal.mv_data), keyVal.mv_size),
+                          at->first);
+                ASSERT_EQ(std::string_view(static_cast<char*>(valueVal.mv_data), valueVal.mv_size),
+                          at->second);
+            }
+        }
+        ASSERT_EQ(contents(txn.get()), model);
+        require(mdb_txn_commit(txn.release()), "commit");
+
+        txn = beginRead(env.get());
+        MDB_stat stat;
+        require(mdb_stat(txn.get(), kMainDb, &stat), "stat");
+        ASSERT_EQ(stat.ms_entries, model.size());
+        QmrPageValidation pages;
+        ASSERT_EQ(qmr_mdb_validate_pages(openCursor(txn.get()).get(), 0, 1, &pages), 0);
+    }
 }
 
 TEST_F(LmdbEngineTest, fillStatisticsCountEveryPageOnce) {

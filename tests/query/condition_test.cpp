@@ -189,6 +189,9 @@ TEST_F(ConditionTest, BetweenIncludesItsBoundsInEitherOrder) {
     EXPECT_TRUE(check(floats, {{"Double", 2.5}}));
     EXPECT_FALSE(check(floats, {{"Double", 2.6}}));
     EXPECT_FALSE(check(floats, {{"Double", std::nan("")}}));
+    for (const auto& [a, b] : {std::pair(1.5, std::nan("")), std::pair(std::nan(""), 1.5)}) {
+        EXPECT_FALSE(check(builder.between(property("Double"), a, b), {{"Double", 1.5}}));
+    }
 }
 
 TEST_F(ConditionTest, NullMatchesOnlyWhatAsksForItOrRulesValuesOut) {

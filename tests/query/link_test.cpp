@@ -40,6 +40,7 @@ protected:
         put(12, {{kNumber, 300}, {kAuthor, kFar}});
         put(13, {{kNumber, 400}, {kAuthor, uint64_t{0}}});
         put(14, {{kNumber, 500}, {kAuthor, uint64_t{99}}});  // of nobody
+        put(15, {{kNumber, 600}, {kAuthor, ~uint64_t{0}}});  // of what no object can be
         endTx();
         const auto tx = write();
         const auto books = cursor(*tx, kBooks);
@@ -61,7 +62,7 @@ TEST_F(Links, GoForwardAndBackThroughAProperty) {
     });
     EXPECT_THAT(idsOf(*byAuthor), ElementsAre(10, 11));
 
-    // Neither 0 nor the ID of nobody finds an author; two books give theirs once.
+    // Neither 0 nor an ID of nobody finds an author; two books give theirs once.
     QueryBuilder b = builder(kAuthors);
     b.link(&entity(kBooks), &authorOf(), true).less(prop(kNumber), int64_t{900}, false);
     const auto ofBooks = b.build();

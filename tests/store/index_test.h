@@ -95,7 +95,7 @@ protected:
     // Puts an object with its ID and these fields.
     static void put(Cursor& cursor, uint64_t id, std::vector<ObjectField> fields = {},
                     int32_t mode = kPut) {
-        fields.push_back({1, id});
+        fields.emplace_back(1u, id);
         const ObjectBytes object = makeObjectFrom(fields);
         cursor.put(id, object.data(), object.size(), mode);
     }

@@ -142,7 +142,7 @@ bool LmdbCursor::first(Bytes& outKey, Bytes& outValue) {
 }
 
 bool LmdbCursor::next(Bytes& outKey, Bytes& outValue) {
-    return give(standsOnKey() ? get(MDB_NEXT) : moveBehindKey(), outKey, outValue);
+    return give(standsOnKey() ? step() : moveBehindKey(), outKey, outValue);
 }
 
 bool LmdbCursor::previous(Bytes& outKey, Bytes& outValue) {
@@ -209,7 +209,7 @@ void LmdbCursor::put(const void* keyData, size_t keySize, const void* valueData,
     onKey_ = false;
     engineKey_ = engineVal(keyData, keySize);
     engineValue_ = engineVal(valueData ? valueData : "", valueSize);  // it copies from it
-    const int result = mdb_cursor_put(cursor_, &engineKey_, &engineValue_, 0);
+    const int result = qmr_mdb_cursor_put(cursor_, &engineKey_, &engineValue_);
     store_.errors().check(result, readOnly_ ? "Cannot put in a read-only transaction"
                                             : "Could not put");
     transaction_->countWrite();
@@ -245,7 +245,15 @@ bool LmdbCursor::hasElementAfterRemoval() {
 
 inline bool LmdbCursor::get(MDB_cursor_op operation) {
     CHECK_STATE_AT(123, cursor_);
-    const int result = mdb_cursor_get(cursor_, &engineKey_, &engineValue_, operation);
+    return found(mdb_cursor_get(cursor_, &engineKey_, &engineValue_, operation));
+}
+
+inline bool LmdbCursor::step() {
+    CHECK_STATE_AT(123, cursor_);
+    return found(qmr_mdb_cursor_next(cursor_, &engineKey_, &engineValue_));
+}
+
+inline bool LmdbCursor::found(int result) {
     if (result == MDB_NOTFOUND) return false;
     store_.errors().check(result, "Could not get from cursor");
     if ((engineKey_.mv_size + engineValue_.mv_size) % kSizeUnit != 0) [[unlikely]] {

@@ -49,6 +49,8 @@ public:
 private:
     // One operation of the engine; false if it found nothing.
     bool get(MDB_cursor_op operation);
+    bool step();
+    bool found(int result);
     bool give(bool moved, Bytes& outKey, Bytes& outValue);
     bool moveTo(const Bytes& key, MDB_cursor_op operation);
     void adoptKey();

@@ -258,6 +258,99 @@ static int qmr_check_sub_cursor(MDB_cursor* mc) {
     return (node->mn_flags & F_DUPDATA) ? qmr_no_sub_cursor(mc, node) : MDB_SUCCESS;
 }
 
+/* --- Steps and puts in place ------------------------------------------------------------------ */
+
+/* Whether the cursor's stack of pages is good. It may still stand behind the last node. */
+static int qmr_is_placed(const MDB_cursor* mc) {
+    return (mc->mc_flags & (C_INITIALIZED | C_DEL | C_SUB)) == C_INITIALIZED &&
+           !(mc->mc_txn->mt_flags & MDB_TXN_BLOCKED);
+}
+
+/* Gives a node whose value lies in its page. */
+static int qmr_give_node(const MDB_cursor* mc, const MDB_page* page, unsigned index, MDB_val* key,
+                         MDB_val* value) {
+    const MDB_node* node = NODEPTR(page, index);
+    size_t end = page->mp_ptrs[index] + NODESIZE + node->mn_ksize + NODEDSZ(node);
+    if (node->mn_flags != 0 || end > mc->mc_txn->mt_env->me_psize)
+        return 0;
+    key->mv_size = node->mn_ksize;
+    key->mv_data = NODEKEY(node);
+    value->mv_size = NODEDSZ(node);
+    value->mv_data = NODEDATA(node);
+    return 1;
+}
+
+int qmr_mdb_cursor_next(MDB_cursor* mc, MDB_val* key, MDB_val* value) {
+    if (qmr_is_placed(mc) && !(mc->mc_flags & C_EOF)) {
+        const MDB_page* page = mc->mc_pg[mc->mc_top];
+        unsigned next = mc->mc_ki[mc->mc_top] + 1u;
+        if (next < NUMKEYS(page) && (MP_FLAGS(page) & (P_LEAF | P_LEAF2)) == P_LEAF &&
+            qmr_give_node(mc, page, next, key, value)) {
+            mc->mc_ki[mc->mc_top] = next;
+            return MDB_SUCCESS;
+        }
+    }
+    return mdb_cursor_get(mc, key, value, MDB_NEXT);
+}
+
+static int qmr_compare_with_node(const MDB_val* key, const MDB_page* page, unsigned index) {
+    const MDB_node* node = NODEPTR(page, index);
+    MDB_val other = {node->mn_ksize, NODEKEY(node)};
+    return mdb_cmp_memn(key, &other);
+}
+
+/* Whether the key belongs between the cursor's node and whatever follows, in this leaf or behind
+ * it. last: nothing follows in the whole database. */
+static int qmr_follows(const MDB_cursor* mc, const MDB_val* key, int* last) {
+    unsigned level = mc->mc_top;
+    *last = 0;
+    if (mc->mc_ki[level] >= NUMKEYS(mc->mc_pg[level]) ||
+        qmr_compare_with_node(key, mc->mc_pg[level], mc->mc_ki[level]) <= 0)
+        return 0;
+    for (;; level--) {
+        unsigned following = mc->mc_ki[level] + 1u;
+        if (following < NUMKEYS(mc->mc_pg[level]))
+            return qmr_compare_with_node(key, mc->mc_pg[level], following) < 0;
+        if (level == 0)
+            return *last = 1;
+    }
+}
+
+/* Adds a node behind the cursor's. The leaf is of this transaction already and has room, so that
+ * no other page changes. */
+static int qmr_add_behind(MDB_cursor* mc, MDB_val* key, MDB_val* value) {
+    unsigned level = mc->mc_top;
+    MDB_page* page = mc->mc_pg[level];
+    int rc = mdb_node_add(mc, ++mc->mc_ki[level], key, value, 0, 0);
+    if (rc != MDB_SUCCESS) {
+        mc->mc_txn->mt_flags |= MDB_TXN_ERROR;
+        return rc;
+    }
+    for (MDB_cursor* other = mc->mc_txn->mt_cursors[mc->mc_dbi]; other; other = other->mc_next) {
+        if (other != mc && other->mc_snum >= mc->mc_snum && other->mc_pg[level] == page &&
+            other->mc_ki[level] >= mc->mc_ki[level])
+            other->mc_ki[level]++;
+    }
+    mc->mc_flags &= ~C_EOF;
+    mc->mc_db->md_entries++;
+    return MDB_SUCCESS;
+}
+
+int qmr_mdb_cursor_put(MDB_cursor* mc, MDB_val* key, MDB_val* value) {
+    MDB_env* env = mc->mc_txn->mt_env;
+    MDB_page* page = mc->mc_pg[mc->mc_top];
+    int last;
+    if (!qmr_is_placed(mc) || (mc->mc_db->md_flags & MDB_DUPSORT) || mc->mc_txn->mt_parent ||
+        key->mv_size - 1 >= ENV_MAXKEY(env) ||
+        (MP_FLAGS(page) & (P_LEAF | P_LEAF2 | P_DIRTY)) != (P_LEAF | P_DIRTY) ||
+        !qmr_follows(mc, key, &last))
+        return mdb_cursor_put(mc, key, value, 0);
+    size_t size = NODESIZE + key->mv_size + value->mv_size;
+    if (size <= env->me_nodemax && EVEN(size) + sizeof(indx_t) <= SIZELEFT(page))
+        return qmr_add_behind(mc, key, value);
+    return mdb_cursor_put(mc, key, value, last ? MDB_APPEND : 0);
+}
+
 /* --- Walks over damaged trees ----------------------------------------------------------------- */
 
 typedef struct {

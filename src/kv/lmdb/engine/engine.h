@@ -44,6 +44,15 @@ int qmr_mdb_validate_pages(MDB_cursor* cursor, uint64_t page_limit, int check_le
  * number behind the end gives MDB_PAGE_NOTFOUND and fails the transaction. */
 int qmr_mdb_fill_stats(MDB_cursor* cursor, QmrFillStats* out);
 
+/* As mdb_cursor_get with MDB_NEXT for a database without duplicates. Most steps stay inside a leaf
+ * page and need a fraction of the engine's general way. */
+int qmr_mdb_cursor_next(MDB_cursor* cursor, MDB_val* key, MDB_val* value);
+
+/* As mdb_cursor_put without flags for a database without duplicates. A new key that follows the
+ * cursor's own, as in a bulk load, is added where the cursor stands, without a search; behind the
+ * last key of the database, pages are filled to the end. */
+int qmr_mdb_cursor_put(MDB_cursor* cursor, MDB_val* key, MDB_val* value);
+
 #ifdef __cplusplus
 }
 #endif
