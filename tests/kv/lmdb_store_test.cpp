@@ -1,14 +1,12 @@
 #include "kv/lmdb/lmdb_store.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <numeric>
 #include <random>
-#include <thread>
 #include <vector>
 
 #include "core/error.h"
@@ -80,19 +78,6 @@ protected:
 
 // ---- Opening ------------------------------------------------------------------------------------
 
-TEST_F(LmdbStoreTest, KeepsDataAcrossReopening) {
-    open();
-    EXPECT_EQ(read("nothing "), "");
-    commitPut("key!", "data");
-    open();
-    EXPECT_EQ(read("key!"), "data");
-    EXPECT_EQ(store->maxKeySize(), 511u);
-    EXPECT_EQ(store->providerId(), 1u);
-    EXPECT_EQ(store->maxReaders(), 126u);
-    EXPECT_EQ(store->sizeOnDisk(), fs::file_size(dataFile()));
-    EXPECT_EQ(store->dbSize(), store->sizeOnDisk());
-}
-
 TEST_F(LmdbStoreTest, MissingDatabaseReadOnlyIsReportedOnceClosed) {
     std::vector<std::string> told;
     options.readOnly = true;
@@ -132,22 +117,6 @@ TEST_F(LmdbStoreTest, OpenFailuresNameTheirCause) {
     options.walFlags = 0;
     writeFile(dataFile(), std::string(2 * kPageSize, 'x'));
     EXPECT_EQ(openFailure(), "Not a database file (-30793)");
-}
-
-TEST_F(LmdbStoreTest, PreviousCommitComesUpAndTheNextChangeReplacesTheNewest) {
-    open();
-    commitPut("key!", "old1");
-    commitPut("key!", "new2");
-    EXPECT_FALSE(store->openedWithPreviousCommit());
-    options.usePreviousCommit = true;
-    open();
-    EXPECT_TRUE(store->openedWithPreviousCommit());
-    EXPECT_EQ(read("key!"), "old1");
-    commitPut("also", "this");
-    options.usePreviousCommit = false;
-    open();
-    EXPECT_EQ(read("key!"), "old1");
-    EXPECT_EQ(read("also"), "this");
 }
 
 // ---- Transactions -------------------------------------------------------------------------------
@@ -208,27 +177,6 @@ TEST_F(LmdbStoreTest, ReadOnlyRefusesWrites) {
     EXPECT_EQ(read("key!"), "data");
 }
 
-TEST_F(LmdbStoreTest, ReadTransactionKeepsItsSnapshotUntilRenewed) {
-    open();
-    commitPut("key!", "old1");
-    auto tx = begin(true);
-    auto cursor = tx->createDbCursor();
-    Bytes value;
-    const auto valueNow = [&] {
-        cursor->renew();
-        return cursor->get(bytesOf("key!"), value) ? std::string(value.text()) : std::string();
-    };
-    commitPut("key!", "new2");
-    EXPECT_EQ(valueNow(), "old1");
-    tx->resetReadOnly();
-    EXPECT_EQ(valueNow(), "new2");
-    tx->recycleReadOnlyForRenew();
-    commitPut("key!", "new3");
-    EXPECT_THROW(cursor->get(bytesOf("key!"), value), BadTxException);
-    tx->renewReadOnly();
-    EXPECT_EQ(valueNow(), "new3");
-}
-
 TEST_F(LmdbStoreTest, TransactionsThatAreOverRefuseAllWork) {
     open();
     auto tx = begin();
@@ -240,41 +188,6 @@ TEST_F(LmdbStoreTest, TransactionsThatAreOverRefuseAllWork) {
     EXPECT_THROW(tx->commit(), IllegalStateException);
     EXPECT_EQ(messageOf<IllegalStateException>([&] { tx->createDbCursor(); }),
               "Cannot create cursor; transaction was already released");
-}
-
-TEST_F(LmdbStoreTest, WriteTransactionDestroyedOnAnotherThreadLetsTheNextWriterStart) {
-    open();
-    auto tx = begin();
-    auto cursor = tx->createDbCursor();
-    cursor->put("key!", 4, "lost", 4);
-    const LogCapture log;
-    std::thread([&] {
-        pthread_setname_np(pthread_self(), "collector");
-        tx.reset();
-    }).join();
-    EXPECT_TRUE(cursor->isReleased());
-    EXPECT_TRUE(log.contains(" [INFO ] Skipping low-level close for writable cursor (non-creator "
-                             "thread 'collector')\n"));
-    commitPut("key!", "kept");
-    EXPECT_EQ(read("key!"), "kept");
-}
-
-TEST_F(LmdbStoreTest, DropAllEmptiesTheStoreUnderItsCursors) {
-    open();
-    commitMany(1, 500);
-    auto tx = begin();
-    auto cursor = tx->createDbCursor();
-    ASSERT_TRUE(cursor->first());
-    const Bytes key = cursor->key();
-    cursor->rebindKey(key.data(), key.size());
-    store->dropAll(*tx);
-    EXPECT_FALSE(cursor->first());
-    tx->createDbCursor()->put("\0key", 4, "data", 4);
-    cursor->setKey(key);
-    EXPECT_FALSE(cursor->next());
-    EXPECT_TRUE(cursor->previous());
-    tx->commit();
-    EXPECT_EQ(read(std::string("\0key", 4)), "data");
 }
 
 TEST_F(LmdbStoreTest, ClosedStoreRefusesEverything) {
