@@ -112,7 +112,11 @@ bool PartitionCursor::next() {
 bool PartitionCursor::next(Bytes& outValue) {
     const bool moved = dbCursor_->next(foundKey_, outValue);
     const Position position = moved ? locate(foundKey_) : Position::Behind;
-    if (position == Position::Before) [[unlikely]] return enterFromFront(outValue);
+    if (position == Position::Before) [[unlikely]] {
+        // A damaged tree leads back into itself.
+        if (position_ == Position::On) throw DbFileCorruptException("Corrupt DB, keys not ordered");
+        return enterFromFront(outValue);
+    }
     return valueOf(settle(position), outValue);
 }
 
