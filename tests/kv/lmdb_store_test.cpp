@@ -6,17 +6,13 @@
 #include <fstream>
 #include <iterator>
 #include <numeric>
-#include <random>
 #include <vector>
 
 #include "core/error.h"
-#include "kv/kv_validation.h"
 #include "kv/partition.h"
-#include "kv/partition_cursor.h"
 #include "kv_fixture.h"
 #include "support/expect_throw.h"
 #include "support/log_capture.h"
-#include "support/seed.h"
 
 namespace quillmere {
 namespace {
@@ -35,14 +31,6 @@ std::string readFile(const std::string& path) {
 
 void writeFile(const std::string& path, const std::string& content) {
     std::ofstream(path, std::ios::binary) << content;
-}
-
-void flipByte(const std::string& path, size_t offset, char flip) {
-    std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
-    file.seekg(static_cast<std::streamoff>(offset));
-    const char damaged = static_cast<char>(file.get() ^ flip);
-    file.seekp(static_cast<std::streamoff>(offset));
-    file.put(damaged);
 }
 
 class LmdbStoreTest : public testing::Test, protected StoreInDir {
@@ -277,52 +265,6 @@ TEST_F(LmdbStoreTest, ValidatesPagesOfARunningReadTransaction) {
     auto writeTx = begin();
     EXPECT_EQ(messageOf<StorageException>([&] { store->validatePages(*writeTx, 0, true); }),
               "Could not open validation cursor (22)");
-}
-
-// Validates, walks and seeks all over a store; gives the sum of what it read.
-uint64_t readEverything(DbStore& store) {
-    TestTx tx(store, true);
-    validateKv(*tx.dbTransaction().createDbCursor());
-    PartitionCursor cursor(tx, {.firstPrefix = kKeyValuePrefix, .lastPrefix = kKeyValuePrefix});
-    Bytes value;
-    uint64_t sum = 0;
-    for (bool on = cursor.first(value); on; on = cursor.next(value)) {
-        for (const uint8_t byte : value.span()) sum += byte;
-    }
-    for (uint32_t id = 0; id < 500; id += 7) {
-        const std::string wanted = keyOf(kKeyValuePrefix, id);
-        if (cursor.getOrPrevious(wanted.data(), wanted.size(), value)) sum += value.size();
-    }
-    return sum;
-}
-
-TEST_F(LmdbStoreTest, FlippedBytesGiveAnExceptionOrData) {
-    open();
-    commitMany(1, 400);
-    commitMany(401, 402, 6000);
-    store.reset();
-    const size_t pages = fs::file_size(dataFile()) / kPageSize;
-    options.readOnly = true;
-    options.validatePagesLimit = ~uint64_t{0};
-    options.validatePagesLeafLevel = true;
-    std::mt19937 random(testSeed());
-    const LogCapture log;  // of hundreds of failures
-    size_t failed = 0;
-    for (int round = 0; round < 1000; ++round) {
-        // Page headers and offsets more often than the rest.
-        const size_t page = 2 + random() % (pages - 2);
-        const size_t offset = page * kPageSize + random() % (random() % 2 ? 64 : kPageSize);
-        const char flip = static_cast<char>(1 + random() % 255);
-        flipByte(dataFile(), offset, flip);
-        try {
-            open();
-            EXPECT_GT(readEverything(*store), 0u);
-        } catch (const StorageException&) {
-            ++failed;
-        }
-        flipByte(dataFile(), offset, flip);
-    }
-    EXPECT_GT(failed, 100u);
 }
 
 }  // namespace

@@ -22,9 +22,8 @@ namespace quillmere {
 
 class IndexTest : public ::testing::Test {
 protected:
-    void open(SchemaSpec spec) {
+    void open(SchemaSpec spec, StoreOptions options = {}) {
         store_.reset();
-        StoreOptions options;
         options.directory = dir_.path("db");
         store_ = std::make_unique<ObjectStore>(options);
         store_->setSchema(spec.build());
