@@ -311,7 +311,7 @@ static int qmr_page_is_sound(MDB_txn* txn, size_t number, const MDB_page* page) 
     if (word && (atomic_load_explicit(word, memory_order_relaxed) & bit))
         return 1;
     if (page->mp_pgno != number || (page->mp_flags & (P_LEAF2 | P_SUBP)) ||
-        qmr_check_nodes(page, env->me_psize, txn->mt_next_pgno) != MDB_SUCCESS ||
+        qmr_check_nodes(page, env->me_psize, SIZE_MAX) != MDB_SUCCESS || /* children: when read */
         (qmr_is_walkable(page) && NUMKEYS(page) == 0))
         return 0;
     if (word)
