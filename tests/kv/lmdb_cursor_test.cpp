@@ -29,21 +29,6 @@ protected:
     }
 };
 
-TEST_F(LmdbCursorTest, SeekOrPreviousFindsTheNearestBefore) {
-    auto tx = begin();
-    auto cursor = tx->createDbCursor();
-    EXPECT_FALSE(cursor->seekOrPrevious(bytesOf("kkkk")));
-    for (const char* key : {"bbbb", "dddd"}) cursor->put(key, 4, key, 4);
-    EXPECT_FALSE(cursor->seekOrPrevious(bytesOf("aaaa")));
-    Bytes value;
-    EXPECT_TRUE(cursor->getOrPrevious(bytesOf("cccc"), value));
-    EXPECT_EQ(value.text(), "bbbb");
-    EXPECT_TRUE(cursor->getOrPrevious(bytesOf("dddd"), value));
-    EXPECT_EQ(value.text(), "dddd");
-    EXPECT_TRUE(cursor->getOrPrevious(bytesOf("zzzz"), value));
-    EXPECT_EQ(value.text(), "dddd");
-}
-
 TEST_F(LmdbCursorTest, RemovalTellsOfTheFollowingElementAndStandsOnIt) {
     auto tx = begin();
     auto cursor = tx->createDbCursor();

@@ -1,24 +1,18 @@
 #include "kv/lmdb/lmdb_store.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <numeric>
-#include <random>
-#include <thread>
 #include <vector>
 
 #include "core/error.h"
-#include "kv/kv_validation.h"
 #include "kv/partition.h"
-#include "kv/partition_cursor.h"
 #include "kv_fixture.h"
 #include "support/expect_throw.h"
 #include "support/log_capture.h"
-#include "support/seed.h"
 
 namespace quillmere {
 namespace {
@@ -37,14 +31,6 @@ std::string readFile(const std::string& path) {
 
 void writeFile(const std::string& path, const std::string& content) {
     std::ofstream(path, std::ios::binary) << content;
-}
-
-void flipByte(const std::string& path, size_t offset, char flip) {
-    std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
-    file.seekg(static_cast<std::streamoff>(offset));
-    const char damaged = static_cast<char>(file.get() ^ flip);
-    file.seekp(static_cast<std::streamoff>(offset));
-    file.put(damaged);
 }
 
 class LmdbStoreTest : public testing::Test, protected StoreInDir {
@@ -79,19 +65,6 @@ protected:
 };
 
 // ---- Opening ------------------------------------------------------------------------------------
-
-TEST_F(LmdbStoreTest, KeepsDataAcrossReopening) {
-    open();
-    EXPECT_EQ(read("nothing "), "");
-    commitPut("key!", "data");
-    open();
-    EXPECT_EQ(read("key!"), "data");
-    EXPECT_EQ(store->maxKeySize(), 511u);
-    EXPECT_EQ(store->providerId(), 1u);
-    EXPECT_EQ(store->maxReaders(), 126u);
-    EXPECT_EQ(store->sizeOnDisk(), fs::file_size(dataFile()));
-    EXPECT_EQ(store->dbSize(), store->sizeOnDisk());
-}
 
 TEST_F(LmdbStoreTest, MissingDatabaseReadOnlyIsReportedOnceClosed) {
     std::vector<std::string> told;
@@ -132,22 +105,6 @@ TEST_F(LmdbStoreTest, OpenFailuresNameTheirCause) {
     options.walFlags = 0;
     writeFile(dataFile(), std::string(2 * kPageSize, 'x'));
     EXPECT_EQ(openFailure(), "Not a database file (-30793)");
-}
-
-TEST_F(LmdbStoreTest, PreviousCommitComesUpAndTheNextChangeReplacesTheNewest) {
-    open();
-    commitPut("key!", "old1");
-    commitPut("key!", "new2");
-    EXPECT_FALSE(store->openedWithPreviousCommit());
-    options.usePreviousCommit = true;
-    open();
-    EXPECT_TRUE(store->openedWithPreviousCommit());
-    EXPECT_EQ(read("key!"), "old1");
-    commitPut("also", "this");
-    options.usePreviousCommit = false;
-    open();
-    EXPECT_EQ(read("key!"), "old1");
-    EXPECT_EQ(read("also"), "this");
 }
 
 // ---- Transactions -------------------------------------------------------------------------------
@@ -208,27 +165,6 @@ TEST_F(LmdbStoreTest, ReadOnlyRefusesWrites) {
     EXPECT_EQ(read("key!"), "data");
 }
 
-TEST_F(LmdbStoreTest, ReadTransactionKeepsItsSnapshotUntilRenewed) {
-    open();
-    commitPut("key!", "old1");
-    auto tx = begin(true);
-    auto cursor = tx->createDbCursor();
-    Bytes value;
-    const auto valueNow = [&] {
-        cursor->renew();
-        return cursor->get(bytesOf("key!"), value) ? std::string(value.text()) : std::string();
-    };
-    commitPut("key!", "new2");
-    EXPECT_EQ(valueNow(), "old1");
-    tx->resetReadOnly();
-    EXPECT_EQ(valueNow(), "new2");
-    tx->recycleReadOnlyForRenew();
-    commitPut("key!", "new3");
-    EXPECT_THROW(cursor->get(bytesOf("key!"), value), BadTxException);
-    tx->renewReadOnly();
-    EXPECT_EQ(valueNow(), "new3");
-}
-
 TEST_F(LmdbStoreTest, TransactionsThatAreOverRefuseAllWork) {
     open();
     auto tx = begin();
@@ -240,41 +176,6 @@ TEST_F(LmdbStoreTest, TransactionsThatAreOverRefuseAllWork) {
     EXPECT_THROW(tx->commit(), IllegalStateException);
     EXPECT_EQ(messageOf<IllegalStateException>([&] { tx->createDbCursor(); }),
               "Cannot create cursor; transaction was already released");
-}
-
-TEST_F(LmdbStoreTest, WriteTransactionDestroyedOnAnotherThreadLetsTheNextWriterStart) {
-    open();
-    auto tx = begin();
-    auto cursor = tx->createDbCursor();
-    cursor->put("key!", 4, "lost", 4);
-    const LogCapture log;
-    std::thread([&] {
-        pthread_setname_np(pthread_self(), "collector");
-        tx.reset();
-    }).join();
-    EXPECT_TRUE(cursor->isReleased());
-    EXPECT_TRUE(log.contains(" [INFO ] Skipping low-level close for writable cursor (non-creator "
-                             "thread 'collector')\n"));
-    commitPut("key!", "kept");
-    EXPECT_EQ(read("key!"), "kept");
-}
-
-TEST_F(LmdbStoreTest, DropAllEmptiesTheStoreUnderItsCursors) {
-    open();
-    commitMany(1, 500);
-    auto tx = begin();
-    auto cursor = tx->createDbCursor();
-    ASSERT_TRUE(cursor->first());
-    const Bytes key = cursor->key();
-    cursor->rebindKey(key.data(), key.size());
-    store->dropAll(*tx);
-    EXPECT_FALSE(cursor->first());
-    tx->createDbCursor()->put("\0key", 4, "data", 4);
-    cursor->setKey(key);
-    EXPECT_FALSE(cursor->next());
-    EXPECT_TRUE(cursor->previous());
-    tx->commit();
-    EXPECT_EQ(read(std::string("\0key", 4)), "data");
 }
 
 TEST_F(LmdbStoreTest, ClosedStoreRefusesEverything) {
@@ -364,52 +265,6 @@ TEST_F(LmdbStoreTest, ValidatesPagesOfARunningReadTransaction) {
     auto writeTx = begin();
     EXPECT_EQ(messageOf<StorageException>([&] { store->validatePages(*writeTx, 0, true); }),
               "Could not open validation cursor (22)");
-}
-
-// Validates, walks and seeks all over a store; gives the sum of what it read.
-uint64_t readEverything(DbStore& store) {
-    TestTx tx(store, true);
-    validateKv(*tx.dbTransaction().createDbCursor());
-    PartitionCursor cursor(tx, {.firstPrefix = kKeyValuePrefix, .lastPrefix = kKeyValuePrefix});
-    Bytes value;
-    uint64_t sum = 0;
-    for (bool on = cursor.first(value); on; on = cursor.next(value)) {
-        for (const uint8_t byte : value.span()) sum += byte;
-    }
-    for (uint32_t id = 0; id < 500; id += 7) {
-        const std::string wanted = keyOf(kKeyValuePrefix, id);
-        if (cursor.getOrPrevious(wanted.data(), wanted.size(), value)) sum += value.size();
-    }
-    return sum;
-}
-
-TEST_F(LmdbStoreTest, FlippedBytesGiveAnExceptionOrData) {
-    open();
-    commitMany(1, 400);
-    commitMany(401, 402, 6000);
-    store.reset();
-    const size_t pages = fs::file_size(dataFile()) / kPageSize;
-    options.readOnly = true;
-    options.validatePagesLimit = ~uint64_t{0};
-    options.validatePagesLeafLevel = true;
-    std::mt19937 random(testSeed());
-    const LogCapture log;  // of hundreds of failures
-    size_t failed = 0;
-    for (int round = 0; round < 1000; ++round) {
-        // Page headers and offsets more often than the rest.
-        const size_t page = 2 + random() % (pages - 2);
-        const size_t offset = page * kPageSize + random() % (random() % 2 ? 64 : kPageSize);
-        const char flip = static_cast<char>(1 + random() % 255);
-        flipByte(dataFile(), offset, flip);
-        try {
-            open();
-            EXPECT_GT(readEverything(*store), 0u);
-        } catch (const StorageException&) {
-            ++failed;
-        }
-        flipByte(dataFile(), offset, flip);
-    }
-    EXPECT_GT(failed, 100u);
 }
 
 }  // namespace

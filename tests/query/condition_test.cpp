@@ -1,8 +1,6 @@
 #include <flatbuffers/flexbuffers.h>
 
-#include <cmath>
 #include <functional>
-#include <limits>
 #include <random>
 
 #include "core/error.h"
@@ -15,33 +13,7 @@
 namespace quillmere {
 namespace {
 
-using Wide = __int128;
 using Strings = std::vector<std::string_view>;
-
-struct NumberOp {
-    QueryOp op;
-    std::function<QueryCondition&(QueryBuilder&, const Property&, int64_t)> make;
-    std::function<bool(Wide, Wide)> holds;
-};
-
-const std::vector<NumberOp>& numberOps() {
-    static const std::vector<NumberOp> ops = {
-        {QueryOp::Equal, [](auto& b, auto& p, auto v) -> auto& { return b.equal(p, v); },
-         std::equal_to<>()},
-        {QueryOp::NotEqual, [](auto& b, auto& p, auto v) -> auto& { return b.notEqual(p, v); },
-         std::not_equal_to<>()},
-        {QueryOp::Less, [](auto& b, auto& p, auto v) -> auto& { return b.less(p, v, false); },
-         std::less<>()},
-        {QueryOp::LessOrEqual, [](auto& b, auto& p, auto v) -> auto& { return b.less(p, v, true); },
-         std::less_equal<>()},
-        {QueryOp::Greater, [](auto& b, auto& p, auto v) -> auto& { return b.greater(p, v, false); },
-         std::greater<>()},
-        {QueryOp::GreaterOrEqual,
-         [](auto& b, auto& p, auto v) -> auto& { return b.greater(p, v, true); },
-         std::greater_equal<>()},
-    };
-    return ops;
-}
 
 class ConditionTest : public ThingTest {
 protected:
@@ -49,188 +21,7 @@ protected:
 
     size_t below(size_t end) { return random_() % end; }
     bool chance(int percent) { return static_cast<int>(below(100)) < percent; }
-
-    // An integer of so many bytes, often at the ends of the range.
-    int64_t randomInteger(size_t size, bool isUnsigned) {
-        const int unused = static_cast<int>(64 - 8 * size);
-        static constexpr uint64_t kBits[] = {0, 1, 2, ~0ull, 1ull << 63, ~0ull >> 1};
-        const uint64_t bits = chance(70) ? kBits[below(std::size(kBits))] : random_();
-        // The ends of 64 bits, shifted down, are those of the narrower type.
-        const bool small = bits <= 2;
-        if (isUnsigned) return static_cast<int64_t>(small ? bits : bits >> unused);
-        return small ? static_cast<int64_t>(bits) : static_cast<int64_t>(bits) >> unused;
-    }
-    double randomFloat() {
-        static constexpr double kValues[] = {
-            0.0, -0.0, 1.5, -1.5, std::numeric_limits<float>::max(),
-            std::numeric_limits<float>::lowest(), std::numeric_limits<float>::min(),
-            std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
-            std::numeric_limits<double>::quiet_NaN()};
-        return kValues[below(std::size(kValues))];
-    }
-
-    // The number that bits of this property stand for.
-    static Wide meaning(const Property& property, int64_t bits) {
-        const bool isUnsigned = (property.type() != PropertyType::Bool &&
-                                 property.type() != PropertyType::BoolVector &&
-                                 property.hasFlag(kPropertyUnsigned)) ||
-                                property.hasFlag(kPropertyId) || property.isRelation();
-        const int unused = static_cast<int>(64 - 8 * numberSize(property.type()));
-        const uint64_t top = static_cast<uint64_t>(bits) << unused;
-        return isUnsigned ? Wide{top >> unused} : Wide{static_cast<int64_t>(top) >> unused};
-    }
-
-    std::vector<const Property*> numberProperties(bool floats) {
-        std::vector<const Property*> found;
-        for (const auto& property : things_->properties()) {
-            const PropertyType type = property->type();
-            if (numberSize(type) != 0 && isFloatType(type) == floats && !property->isIndexed()) {
-                found.push_back(property.get());
-            }
-        }
-        return found;
-    }
-    static bool isVectorType(const Property& property) {
-        return propertyTypeSize(property.type()) == 0;
-    }
-
-    // A random field and the numbers in it; null has none.
-    template <class Number, class Make>
-    Value randomField(const Property& property, std::vector<Number>& outNumbers, Make&& make) {
-        outNumbers.clear();
-        if (chance(15)) return {};
-        const size_t count = isVectorType(property) ? below(4) : 1;
-        for (size_t i = 0; i < count; ++i) outNumbers.push_back(make());
-        if (isVectorType(property)) return outNumbers;
-        return outNumbers.front();
-    }
 };
-
-// --- numbers ------------------------------------------------------------------------------------
-
-TEST_F(ConditionTest, IntegersCompareByTheirWidthAndSign) {
-    for (const Property* const property : numberProperties(false)) {
-        const bool isBool = property->type() == PropertyType::Bool;
-        const bool bools = isBool || property->type() == PropertyType::BoolVector;
-        const size_t size = numberSize(property->type());
-        const bool isUnsigned = meaning(*property, -1) > 0;
-        for (const NumberOp& op : numberOps()) {
-            if (isBool && op.op >= QueryOp::Less) continue;  // refused
-            for (int round = 0; round < 12; ++round) {
-                const int64_t parameter = randomInteger(size, isUnsigned);
-                QueryBuilder builder = makeBuilder();
-                const QueryCondition& condition = op.make(builder, *property, parameter);
-                const Wide wanted = bools ? Wide{parameter != 0} : meaning(*property, parameter);
-                for (int object = 0; object < 12; ++object) {
-                    std::vector<int64_t> numbers;
-                    const Value field = randomField(*property, numbers, [&] {
-                        return bools ? int64_t(below(2)) : randomInteger(size, isUnsigned);
-                    });
-                    bool expected = false;
-                    for (const int64_t number : numbers) {
-                        expected = expected || op.holds(meaning(*property, number), wanted);
-                    }
-                    ASSERT_EQ(check(condition, {{property->name(), field}}), expected)
-                        << condition.describe(0) << " of " << (numbers.empty() ? 0 : numbers[0]);
-                }
-            }
-        }
-    }
-}
-
-TEST_F(ConditionTest, FloatsCompareAndNaNNeverMatches) {
-    for (const Property* const property : numberProperties(true)) {
-        const bool isFloat = numberSize(property->type()) == 4;
-        const auto stored = [&](double v) { return isFloat ? double{static_cast<float>(v)} : v; };
-        for (int round = 0; round < 60; ++round) {
-            const double wanted = randomFloat();
-            QueryBuilder b = makeBuilder();
-            const std::pair<QueryCondition*, std::function<bool(double, double)>> cases[] = {
-                {&b.less(*property, wanted, false), std::less<>()},
-                {&b.less(*property, wanted, true), std::less_equal<>()},
-                {&b.greater(*property, wanted, false), std::greater<>()},
-                {&b.greater(*property, wanted, true), std::greater_equal<>()}};
-            std::vector<double> numbers;
-            const Value field = randomField(*property, numbers, [&] { return randomFloat(); });
-            for (const auto& [condition, holds] : cases) {
-                bool expected = false;
-                for (const double number : numbers) {
-                    expected = expected || holds(stored(number), stored(wanted));
-                }
-                ASSERT_EQ(check(*condition, {{property->name(), field}}), expected)
-                    << condition->describe(0);
-            }
-        }
-    }
-}
-
-TEST_F(ConditionTest, BetweenIncludesItsBoundsInEitherOrder) {
-    for (const Property* const property : numberProperties(false)) {
-        if (isVectorType(*property) || property->type() == PropertyType::Bool) continue;
-        const bool isUnsigned = meaning(*property, -1) > 0;
-        const auto next = [&] { return randomInteger(numberSize(property->type()), isUnsigned); };
-        for (int round = 0; round < 50; ++round) {
-            const int64_t a = next(), b = next(), stored = next();
-            const Wide low = std::min(meaning(*property, a), meaning(*property, b));
-            const Wide high = std::max(meaning(*property, a), meaning(*property, b));
-            const Wide value = meaning(*property, stored);
-            QueryBuilder builder = makeBuilder();
-            const QueryCondition& condition = builder.between(*property, a, b);
-            ASSERT_EQ(check(condition, {{property->name(), stored}}), low <= value && value <= high)
-                << condition.describe(0) << " of " << stored;
-            if (!property->hasFlag(kPropertyId)) {
-                EXPECT_FALSE(check(condition, {}));
-            }
-        }
-    }
-    QueryBuilder builder = makeBuilder();
-    const QueryCondition& floats = builder.between(property("Double"), 2.5, -1.5);
-    EXPECT_TRUE(check(floats, {{"Double", -1.5}}));
-    EXPECT_TRUE(check(floats, {{"Double", 2.5}}));
-    EXPECT_FALSE(check(floats, {{"Double", 2.6}}));
-    EXPECT_FALSE(check(floats, {{"Double", std::nan("")}}));
-    for (const auto& [a, b] : {std::pair(1.5, std::nan("")), std::pair(std::nan(""), 1.5)}) {
-        EXPECT_FALSE(check(builder.between(property("Double"), a, b), {{"Double", 1.5}}));
-    }
-}
-
-TEST_F(ConditionTest, NullMatchesOnlyWhatAsksForItOrRulesValuesOut) {
-    QueryBuilder b = makeBuilder();
-    const Property& number = property("Int");
-    EXPECT_FALSE(check(b.notEqual(number, 5), {}));
-    EXPECT_TRUE(check(b.isNull(number), {}));
-    EXPECT_FALSE(check(b.notNull(number), {}));
-    EXPECT_TRUE(check(b.in(number, std::vector<int32_t>{5}, true), {}));
-    EXPECT_FALSE(check(b.in(number, std::vector<int32_t>{5}, false), {}));
-    for (const auto& property : things_->properties()) {
-        if (property->type() != PropertyType::String) continue;
-        EXPECT_TRUE(check(b.isNull(*property), {}));
-        EXPECT_FALSE(check(b.isNull(*property), {{property->name(), std::string()}}));
-    }
-}
-
-TEST_F(ConditionTest, ASetOfIntegersMatchesByBits) {
-    QueryBuilder b = makeBuilder();
-    const std::vector<int32_t> ints = {-1, 7, std::numeric_limits<int32_t>::min()};
-    for (const char* const name : {"Int", "UInt"}) {
-        const QueryCondition& in = b.in(property(name), ints, false);
-        const QueryCondition& notIn = b.in(property(name), ints, true);
-        for (const int64_t value : {-1ll, 7ll, 8ll, -2147483648ll, 4294967295ll}) {
-            const bool listed = value != 8;
-            EXPECT_EQ(check(in, {{name, value}}), listed) << value;
-            EXPECT_EQ(check(notIn, {{name, value}}), !listed) << value;
-        }
-    }
-    for (const char* const name : {"Long", "Date", "DateNano", "Relation"}) {
-        const QueryCondition& in = b.in(property(name), std::vector<int64_t>{1ll << 40}, false);
-        EXPECT_TRUE(check(in, {{name, 1ll << 40}}));
-        EXPECT_FALSE(check(in, {{name, int64_t{0}}}));
-    }
-    const std::vector<int64_t> none;
-    EXPECT_FALSE(check(b.in(property("Long"), none, false), {{"Long", int64_t{1}}}));
-    EXPECT_TRUE(check(b.in(property("Long"), none, true), {{"Long", int64_t{1}}}));
-    EXPECT_TRUE(check(b.in(property("Long"), none, true), {}));
-}
 
 // --- text ---------------------------------------------------------------------------------------
 
@@ -353,46 +144,10 @@ TEST_F(TextConditionTest, ASetOfStringsMatchesAsOneEqualWould) {
         ASSERT_EQ(check(condition, {{"String", stored}}), expected) << condition.describe(0);
         EXPECT_FALSE(check(condition, {}));
     }
-}
-
-TEST_F(TextConditionTest, AStringSetReadsUpToTheFirstZero) {
     QueryBuilder b = makeBuilder();
     const QueryCondition& condition = b.in(property("String"), Strings{"ab", "four"}, false);
     EXPECT_TRUE(check(condition, {{"String", std::string("AB\0x", 4)}}));
     EXPECT_FALSE(check(condition, {{"String", std::string("AB\0", 3)}}));  // no entry is so long
-}
-
-TEST_F(TextConditionTest, AVectorOfStringsMatchesByOneElement) {
-    QueryBuilder b = makeBuilder();
-    const std::vector<std::string> strings = {"x", "", "Needle"};
-    const Property& vector = property("StringVector");
-    EXPECT_TRUE(check(b.containsElement(vector, "Needle", true), {{"StringVector", strings}}));
-    EXPECT_FALSE(check(b.containsElement(vector, "needle", true), {{"StringVector", strings}}));
-    EXPECT_TRUE(check(b.containsElement(vector, "needle", false), {{"StringVector", strings}}));
-    EXPECT_TRUE(check(b.containsElement(vector, "", true), {{"StringVector", strings}}));
-    EXPECT_FALSE(check(b.containsElement(vector, "Needl", true), {{"StringVector", strings}}));
-    EXPECT_FALSE(check(b.containsElement(vector, "x", true), {}));
-}
-
-TEST_F(TextConditionTest, BytesCompareWithTheShorterFirst) {
-    for (int round = 0; round < 500; ++round) {
-        const std::string stored = randomText(4);
-        const std::string wanted = chance(30) ? stored : randomText(4);
-        const TextOracle oracle(stored, wanted, true);
-        const Property& bytes = property("ByteVector");
-        QueryBuilder b = makeBuilder();
-        const QueryCondition* const conditions[] = {
-            &b.equalBytes(bytes, wanted.data(), wanted.size()),
-            &b.lessBytes(bytes, wanted.data(), wanted.size(), false),
-            &b.lessBytes(bytes, wanted.data(), wanted.size(), true),
-            &b.greaterBytes(bytes, wanted.data(), wanted.size(), false),
-            &b.greaterBytes(bytes, wanted.data(), wanted.size(), true)};
-        for (const QueryCondition* const condition : conditions) {
-            ASSERT_EQ(check(*condition, {{"ByteVector", stored}}), oracle.holds(condition->op()))
-                << testing::PrintToString(stored) << ' ' << condition->describe(0);
-            EXPECT_FALSE(check(*condition, {}));
-        }
-    }
 }
 
 // --- Flex data ----------------------------------------------------------------------------------
@@ -436,23 +191,30 @@ protected:
 };
 
 TEST_F(FlexConditionTest, ARootEqualsItsTextOrItsDecimalDigits) {
-    EXPECT_TRUE(equals(flexData([](auto& b) { b.String("Text"); }), "Text"));
-    EXPECT_FALSE(equals(flexData([](auto& b) { b.String("Text"); }), "text"));
+    struct Case {
+        std::function<void(flexbuffers::Builder&)> root;
+        const char* value;
+        bool expected;
+    };
+    const Case cases[] = {{[](auto& b) { b.String("Text"); }, "Text", true},
+                          {[](auto& b) { b.String("Text"); }, "text", false},
+                          {[](auto& b) { b.Key("key"); }, "key", true},
+                          {[](auto& b) { b.Int(-300); }, "-300", true},
+                          {[](auto& b) { b.Int(42); }, "042", false},
+                          {[](auto& b) { b.UInt(~0ull); }, "18446744073709551615", true},
+                          {[](auto& b) { b.IndirectInt(-70000); }, "-70000", true},
+                          {[](auto& b) { b.IndirectUInt(7); }, "7", true},
+                          {[](auto& b) { b.Double(42.0); }, "42", false},
+                          {[](auto& b) { b.Bool(true); }, "1", false},
+                          {[](auto& b) { b.Null(); }, "", false}};
+    for (const Case& test : cases) {
+        EXPECT_EQ(equals(flexData(test.root), test.value), test.expected) << test.value;
+    }
     EXPECT_TRUE(equals(flexData([](auto& b) { b.String("Text"); }), "text", false));
-    EXPECT_TRUE(equals(flexData([](auto& b) { b.Key("key"); }), "key"));
-    EXPECT_TRUE(equals(flexData([](auto& b) { b.Int(42); }), "42"));
-    EXPECT_TRUE(equals(flexData([](auto& b) { b.Int(-300); }), "-300"));
-    EXPECT_FALSE(equals(flexData([](auto& b) { b.Int(42); }), "042"));
-    EXPECT_TRUE(equals(flexData([](auto& b) { b.UInt(~0ull); }), "18446744073709551615"));
-    EXPECT_TRUE(equals(flexData([](auto& b) { b.IndirectInt(-70000); }), "-70000"));
-    EXPECT_TRUE(equals(flexData([](auto& b) { b.IndirectUInt(7); }), "7"));
-    EXPECT_FALSE(equals(flexData([](auto& b) { b.Double(42.0); }), "42"));
-    EXPECT_FALSE(equals(flexData([](auto& b) { b.Bool(true); }), "1"));
-    EXPECT_FALSE(equals(flexData([](auto& b) { b.Null(); }), ""));
     EXPECT_FALSE(equals("", ""));
 }
 
-TEST_F(FlexConditionTest, AMapContainsItsKeys) {
+TEST_F(FlexConditionTest, ContainersHaveElementsOfSomeTypes) {
     const std::string map = flexMap();
     for (const char* const key : {"Name", "count", "big", "ratio", "flag", "name"}) {
         EXPECT_TRUE(contains(map, key)) << key;
@@ -460,10 +222,6 @@ TEST_F(FlexConditionTest, AMapContainsItsKeys) {
     EXPECT_FALSE(contains(map, "COUNT"));
     EXPECT_TRUE(contains(map, "COUNT", false));
     EXPECT_FALSE(contains(map, "Quill"));
-    EXPECT_FALSE(contains(flexData([](auto& b) { b.Map([] {}); }), ""));
-}
-
-TEST_F(FlexConditionTest, AVectorContainsElementsOfItsOwnOrOneType) {
     const auto mixed = flexData([](auto& b) {
         b.Vector([&] {
             b.String("One");
@@ -471,32 +229,21 @@ TEST_F(FlexConditionTest, AVectorContainsElementsOfItsOwnOrOneType) {
             b.Double(3.0);
         });
     });
-    EXPECT_TRUE(contains(mixed, "One"));
     EXPECT_TRUE(contains(mixed, "ONE", false));
     EXPECT_TRUE(contains(mixed, "2"));
     EXPECT_FALSE(contains(mixed, "3"));
     const auto ints = flexData([](auto& b) { b.Vector(std::vector<int64_t>{5, -6, 1ll << 40}); });
-    EXPECT_TRUE(contains(ints, "-6"));
     EXPECT_TRUE(contains(ints, "1099511627776"));
     EXPECT_FALSE(contains(ints, "6"));
-    const auto keys = flexData([](auto& b) {
-        b.TypedVector([&] {
-            b.Key("first");
-            b.Key("second");
-        });
-    });
-    EXPECT_TRUE(contains(keys, "second"));
+    EXPECT_TRUE(contains(flexData([](auto& b) { b.TypedVector([&] { b.Key("second"); }); }),
+                         "second"));
     EXPECT_FALSE(contains(flexData([](auto& b) { b.Vector([] {}); }), ""));
     const int three[] = {1, 2, 3};
     EXPECT_FALSE(contains(flexData([&](auto& b) { b.FixedTypedVector(three, 3); }), "2"));
-}
 
-TEST_F(FlexConditionTest, AKeyAndItsValueMatchTogether) {
-    const std::string map = flexMap();
     EXPECT_TRUE(containsPair(map, "Name", "Quill"));
     EXPECT_FALSE(containsPair(map, "Name", "other"));
     EXPECT_TRUE(containsPair(map, "NAME", "OTHER", false));  // the second key that folds so
-    EXPECT_TRUE(containsPair(map, "NAME", "QUILL", false));
     EXPECT_TRUE(containsPair(map, "count", "-42"));
     EXPECT_FALSE(containsPair(map, "ratio", "42"));
     EXPECT_FALSE(containsPair(map, "missing", ""));
@@ -527,34 +274,7 @@ TEST_F(FlexConditionTest, DamagedDataIsReadWithinItsBounds) {
 
 // --- the tree -----------------------------------------------------------------------------------
 
-TEST_F(ConditionTest, CombinationsStopAsSoonAsTheyKnow) {
-    class Counting : public QueryCondition {
-    public:
-        Counting(bool result, int& calls)
-            : QueryCondition(QueryOp::True), result_(result), calls_(calls) {}
-        bool check(const QueryContext&) const override { return ++calls_, result_; }
-
-    private:
-        const bool result_;
-        int& calls_;
-    };
-    for (const bool first : {false, true}) {
-        for (const bool isAny : {false, true}) {
-            int calls = 0;
-            QueryBuilder b = makeBuilder();
-            const std::vector<QueryCondition*> children = {
-                &b.addCondition(std::make_unique<Counting>(first, calls)),
-                &b.addCondition(std::make_unique<Counting>(!first, calls))};
-            EXPECT_EQ(check(isAny ? b.any(children) : b.all(children), {}), isAny);
-            EXPECT_EQ(calls, first == isAny ? 1 : 2);
-        }
-    }
-    QueryBuilder b = makeBuilder();
-    EXPECT_TRUE(check(b.all({}), {}));
-    EXPECT_FALSE(check(b.any({}), {}));
-}
-
-TEST_F(ConditionTest, ABareConditionIsNoConditionOfAQuery) {
+TEST_F(ConditionTest, WhatIsNoConditionOfAQuerySaysSo) {
     class Bare : public QueryCondition {
     public:
         Bare() : QueryCondition(QueryOp::Link) {}
@@ -564,17 +284,20 @@ TEST_F(ConditionTest, ABareConditionIsNoConditionOfAQuery) {
               "Illegal query condition detected with op type \"link\"");
     EXPECT_EQ(bare.describe(0), "illegal op \"link\"");
     EXPECT_EQ(messageOf<Exception>([&] { bare.clone(); }), "Cloning unavailable");
-    EXPECT_STREQ(queryOpWord(QueryOp::RelationCount), "??");
-    EXPECT_STREQ(queryOpWord(static_cast<QueryOp>(20)), "??");
     EXPECT_STREQ(queryOpWord(static_cast<QueryOp>(-1)), "??");
-}
-
-TEST_F(ConditionTest, AnOperationThatTextHasNotIsRefused) {
     EXPECT_EQ(messageOf<IllegalStateException>([&] {
                   makeStringCondition(property("String"), QueryOp::Between, "x", true);
               }),
               "State condition failed in Given operation type isn't supported by this condition: "
               "between");
+    QueryBuilder b = makeBuilder();
+    EXPECT_TRUE(check(b.all({}), {}));
+    EXPECT_FALSE(check(b.any({}), {}));
+    const QueryCondition& count = b.relationCount(partProperty("thing"), -1);
+    EXPECT_FALSE(check(count, {}));
+    EXPECT_EQ(messageOf<IllegalStateException>(
+                  [&] { checkBytes(count, makeObjectOf(*things_, 0, {})); }),
+              "State condition failed in check:28: id != 0");
 }
 
 TEST_F(ConditionTest, ACheckAllocatesNothing) {
@@ -658,54 +381,6 @@ TEST_F(ConditionTest, OnlyWhatAnIndexCanAnswerAsksIt) {
     }
 }
 
-TEST_F(ConditionTest, IndexedTextIsFoundAsUnindexedTextIs) {
-    const std::string texts[] = {"", "a", "ab", "abc", "b", "B", "\xC3\xA4",
-                                 std::string(478, 'x'), std::string(479, 'x'),
-                                 std::string(480, 'x'), std::string(500, 'x') + "y"};
-    uint64_t id = 0;
-    for (const std::string& text : texts) {
-        put(*things_, ++id, {{"String", text}, {"indexedText", text}, {"hashedText", text}});
-    }
-    put(*things_, ++id, {});
-    using Make = std::function<void(QueryBuilder&, const Property&, const std::string&)>;
-    const Make makes[] = {
-        [](auto& b, auto& p, auto& v) { b.equal(p, v, true); },
-        [](auto& b, auto& p, auto& v) { b.less(p, v, true, false); },
-        [](auto& b, auto& p, auto& v) { b.less(p, v, true, true); },
-        [](auto& b, auto& p, auto& v) { b.greater(p, v, true, false); },
-        [](auto& b, auto& p, auto& v) { b.greater(p, v, true, true); },
-        [](auto& b, auto& p, auto& v) { b.startsWith(p, v, true); },
-        [](auto& b, auto& p, auto& v) { b.in(p, Strings{"ab", v, "none"}, true); }};
-    for (size_t op = 0; op < std::size(makes); ++op) {
-        for (const std::string& text : texts) {
-            const auto found = [&](const char* name) {
-                QueryBuilder builder = makeBuilder();
-                makes[op](builder, property(name), text);
-                return findIds(*builder.build());
-            };
-            const std::vector<uint64_t> expected = found("String");
-            EXPECT_EQ(found("indexedText"), expected) << op << ' ' << text.size();
-            EXPECT_EQ(found("hashedText"), expected) << op << ' ' << text.size();
-        }
-    }
-}
-
-TEST_F(ConditionTest, AnIndexOrdersAStringWithAZeroBehindItsStart) {
-    const std::string texts[] = {"ab", std::string("ab\0", 3), std::string("ab\0x", 4), "abc"};
-    for (uint64_t id = 1; id <= std::size(texts); ++id) {
-        put(*things_, id, {{"indexedText", texts[id - 1]}});
-    }
-    const Property& text = property("indexedText");
-    for (const bool orEqual : {false, true}) {
-        QueryBuilder less = makeBuilder(), greater = makeBuilder();
-        less.less(text, "ab", true, orEqual);
-        greater.greater(text, "ab", true, orEqual);
-        using Ids = std::vector<uint64_t>;
-        EXPECT_EQ(findIds(*less.build()), orEqual ? Ids{1} : Ids{});
-        EXPECT_EQ(findIds(*greater.build()), orEqual ? (Ids{1, 2, 3, 4}) : (Ids{2, 3, 4}));
-    }
-}
-
 TEST_F(ConditionTest, AnEmptyStringSetOnAnIndexFindsNothingAtOnce) {
     put(*things_, 1, {{"indexedText", std::string()}});
     QueryBuilder b = makeBuilder();
@@ -713,40 +388,6 @@ TEST_F(ConditionTest, AnEmptyStringSetOnAnIndexFindsNothingAtOnce) {
     const auto query = b.build();
     EXPECT_TRUE(findIds(*query).empty());
     EXPECT_EQ(query->lastLookupCount(), 1u);
-}
-
-TEST_F(ConditionTest, AnIndexedNegativeByteIsNotFound) {
-    put(*things_, 1, {{"indexedByte", int64_t{-1}}, {"Byte", int64_t{-1}}});
-    put(*things_, 2, {{"indexedByte", int64_t{1}}, {"Byte", int64_t{1}}});
-    const auto found = [&](const char* name, int64_t value) {
-        QueryBuilder b = makeBuilder();
-        b.equal(property(name), value);
-        return findIds(*b.build());
-    };
-    EXPECT_EQ(found("Byte", -1), std::vector<uint64_t>{1});
-    EXPECT_EQ(found("indexedByte", -1), std::vector<uint64_t>{});
-    EXPECT_EQ(found("indexedByte", 1), std::vector<uint64_t>{2});
-}
-
-TEST_F(ConditionTest, RelatedObjectsAreCountedExactly) {
-    for (uint64_t thing = 1; thing <= 4; ++thing) {
-        put(*things_, thing, {});
-        for (uint64_t part = 1; part < thing; ++part) {
-            put(*parts_, 10 * thing + part, {{"thing", static_cast<int64_t>(thing)}});
-        }
-    }
-    for (const int32_t count : {-1, 0, 1, 2, 3, 4, std::numeric_limits<int32_t>::max()}) {
-        QueryBuilder b = makeBuilder();
-        b.relationCount(partProperty("thing"), count);
-        std::vector<uint64_t> expected;
-        if (count >= 0 && count <= 3) expected.push_back(static_cast<uint64_t>(count) + 1);
-        EXPECT_EQ(findIds(*b.build()), expected) << count;
-    }
-    QueryBuilder b = makeBuilder();
-    const QueryCondition& condition = b.relationCount(partProperty("thing"), 1);
-    EXPECT_EQ(messageOf<IllegalStateException>(
-                  [&] { checkBytes(condition, makeObjectOf(*things_, 0, {})); }),
-              "State condition failed in check:28: id != 0");
 }
 
 }  // namespace

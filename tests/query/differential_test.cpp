@@ -59,6 +59,12 @@ const std::vector<Column> kColumns = {
     {25, "texts", PropertyType::StringVector},
     {26, "bools", PropertyType::BoolVector},
     {27, "chars", PropertyType::CharVector},
+    {28, "ubytes", PropertyType::ByteVector, kPropertyUnsigned},
+    {29, "ushorts", PropertyType::ShortVector, kPropertyUnsigned},
+    {30, "ulongs", PropertyType::LongVector, kPropertyUnsigned},
+    {31, "dates", PropertyType::DateVector},
+    {32, "nanos", PropertyType::DateNanoVector},
+    {33, "other", PropertyType::Relation},
 };
 
 bool isZero(const Value& value) {
@@ -79,7 +85,8 @@ protected:
         open(std::move(spec));
     }
     static void addTo(SchemaSpec& spec, const Column& column, uint32_t indexFlags) {
-        spec.property(column.id, column.name, column.type, column.flags | indexFlags);
+        const uint32_t target = column.type == PropertyType::Relation ? kOwners : 0;
+        spec.property(column.id, column.name, column.type, column.flags | indexFlags, target);
     }
 
     // A field that was 0 and becomes null would keep its index entry.
@@ -280,7 +287,7 @@ TEST_F(Differential, OrdersAsASortDoes) {
     const auto indexed = cursor(*tx, kIndexed), plain = cursor(*tx, kPlain);
     std::vector<Column> sortable;
     for (const Column& column : kColumns) {
-        if (!column.isVector()) sortable.push_back(column);
+        if (!column.isVector() && column.type != PropertyType::Relation) sortable.push_back(column);
     }
     for (int round = 0; round < 120 && !HasFailure(); ++round) {
         const RandomCondition condition = conditions_.tree(1);

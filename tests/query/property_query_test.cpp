@@ -9,16 +9,12 @@
 namespace quillmere {
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
-
 constexpr uint32_t kInt = 2;
 constexpr uint32_t kIndexedInt = 3;
 constexpr uint32_t kLong = 4;
 constexpr uint32_t kUnsigned = 5;  // Long, indexed
 constexpr uint32_t kDouble = 6;
 constexpr uint32_t kText = 7;
-constexpr uint32_t kBytes = 8;
 constexpr uint32_t kBool = 9;
 constexpr uint32_t kExpires = 2;  // of the other entities
 constexpr int64_t kMaxLong = std::numeric_limits<int64_t>::max();
@@ -37,7 +33,6 @@ protected:
                       kPropertyUnsigned | kPropertyIndexed)
             .property(kDouble, "double", PropertyType::Double)
             .property(kText, "text", PropertyType::String)
-            .property(kBytes, "bytes", PropertyType::ByteVector)
             .property(kBool, "bool", PropertyType::Bool)
             .entity(2, "Milli")
             .property(kExpires, "expires", PropertyType::Date, kPropertyExpirationTime)
@@ -64,7 +59,6 @@ protected:
     }
     double sum(uint32_t id) { return ask(id, &PropertyQuery::sumDouble).value; }
     double average(uint32_t id) { return ask(id, &PropertyQuery::avgDouble).value; }
-    int64_t roundedAverage(uint32_t id) { return ask(id, &PropertyQuery::avgInt).value; }
     template <class Operation>
     std::string refusal(uint32_t propertyId, Operation&& operation) {
         return messageOf<IllegalStateException>([&] { ask(propertyId, operation); });
@@ -79,7 +73,7 @@ TEST_F(PropertyQueries, LongSumsMayLeaveTheRangeOnTheWay) {
     EXPECT_EQ(5, ask(kLong, &PropertyQuery::sumInt).count);
     EXPECT_EQ(3.0, sum(kLong));
     EXPECT_DOUBLE_EQ(0.6, average(kLong));
-    EXPECT_EQ(1, roundedAverage(kLong));
+    EXPECT_EQ(1, ask(kLong, &PropertyQuery::avgInt).value);
     put(3);
     EXPECT_EQ("Numeric overflow: 9223372036854775811 high: 0",
               messageOf<NumericOverflowException>([&] { ask(kLong, &PropertyQuery::sumInt); }));
@@ -99,23 +93,6 @@ TEST_F(PropertyQueries, UnsignedSumsMustFitASignedResult) {
     EXPECT_EQ("Numeric overflow: 18446744073709551615 + 2", failure());
     put(1);
     EXPECT_EQ(2, ask(kUnsigned, &PropertyQuery::sumInt).value);
-}
-
-TEST_F(PropertyQueries, AveragesOfIntegersRoundAwayFromZero) {
-    fill<int32_t>(kInt, {1, 2});
-    EXPECT_EQ(2, roundedAverage(kInt));
-    fill<int32_t>(kInt, {-1, -2});
-    EXPECT_EQ(-2, roundedAverage(kInt));
-    EXPECT_EQ(-1.5, average(kInt));
-    fill<int32_t>(kInt, {-1, 0, 0});
-    EXPECT_EQ(0, roundedAverage(kInt));
-    fill<int64_t>(kLong, {kMinLong, kMinLong});
-    EXPECT_EQ(kMinLong, roundedAverage(kLong));
-    EXPECT_TRUE(std::isnan(average(kInt)));
-    EXPECT_EQ(0, ask(kInt, &PropertyQuery::avgInt).count);
-    fill<bool>(kBool, {true, true, false});
-    EXPECT_EQ(1, roundedAverage(kBool));
-    EXPECT_EQ(2, ask(kBool, &PropertyQuery::sumInt).value);
 }
 
 TEST_F(PropertyQueries, FloatSumsAreCompensatedAndAveragesSurviveAnOverflow) {
@@ -168,19 +145,6 @@ TEST_F(PropertyQueries, ExtremesComeFromAnIndexThatHoldsNoNegativeValue) {
     EXPECT_EQ(-2, ask(kUnsigned, &PropertyQuery::maxInt).value);  // the bits of the largest
 }
 
-TEST_F(PropertyQueries, CountsSkipNullsAndFoldCaseWhenAsked) {
-    fill<std::string>(kText, {"b", "A", "a", "b", ""});
-    everything();
-    EXPECT_EQ(5u, of(kText).count(objects()));
-    EXPECT_EQ(4u, of(kText).countDistinct(objects(), true));
-    EXPECT_EQ(3u, of(kText).countDistinct(objects(), false));
-    EXPECT_THAT(of(kText).findStrings(objects(), true, false, nullptr), ElementsAre("b", "A", ""));
-    EXPECT_THAT(of(kText).findStrings(objects(), false, true, "none"),
-                ElementsAre("b", "A", "a", "b", "", "none"));
-    EXPECT_THAT(of(kText).findStrings(objects(), true, true, "a"),
-                ElementsAre("b", "A", "a", ""));
-}
-
 TEST_F(PropertyQueries, CountsManyDistinctValues) {
     for (int32_t i = 0; i < 5000; ++i) put(static_cast<uint64_t>(i) + 1, {{kInt, i % 3000 << 12}});
     everything();
@@ -207,22 +171,6 @@ TEST_F(PropertyQueries, FindsOneTextOrFails) {
     }
     query_ = query([&](QueryBuilder& b) { b.isNull(prop(kText)); });
     EXPECT_EQ(std::nullopt, find(true, false, true, nullptr));
-}
-
-TEST_F(PropertyQueries, ListsScalarsOfTheirWidth) {
-    fill<int32_t>(kInt, {3, 1, 3});
-    everything();
-    const int32_t replacement = 1;
-    EXPECT_THAT(of(kInt).findScalars<int32_t>(objects(), false, nullptr), ElementsAre(3, 1, 3));
-    EXPECT_THAT(of(kInt).findScalars<int32_t>(objects(), false, &replacement),
-                ElementsAre(3, 1, 3, 1));
-    EXPECT_THAT(of(kInt).findScalars<int32_t>(objects(), true, &replacement), ElementsAre(3, 1));
-    EXPECT_EQ("Property \"int\" is of type Int, but we expected a property of type Long in this "
-              "context.",
-              messageOf<PropertyTypeMismatchException>(
-                  [&] { of(kInt).findScalars<int64_t>(objects(), false, nullptr); }));
-    EXPECT_THROW(of(kInt).findStrings(objects(), false, true, nullptr),
-                 PropertyTypeMismatchException);
 }
 
 TEST_F(PropertyQueries, RefuseTypesThatTheyDoNotSupport) {

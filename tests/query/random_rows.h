@@ -44,7 +44,7 @@ struct Column {
     uint32_t flags = 0;  // without those of an index
     uint32_t indexFlags = 0;
 
-    bool isUnsigned() const { return flags & (kPropertyUnsigned | kPropertyId); }
+    bool isUnsigned() const { return flags & kPropertyUnsigned || type == PropertyType::Relation; }
     // The bytes of an element of a vector, or of a scalar.
     size_t width() const {
         switch (type) {

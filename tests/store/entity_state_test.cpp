@@ -14,17 +14,6 @@ protected:
     EntityState& state(uint32_t entityId = kNotes) {
         return store_->entityState(entity(entityId));
     }
-
-    uint64_t putObject(uint64_t id, int32_t mode, uint32_t entityId = kNotes) {
-        ObjectBytes note = makeNote(id);
-        const auto tx = write();
-        const uint64_t put = cursor(*tx, entityId)->putObject(note.data(), note.size(), mode);
-        tx->commit();
-        if (put != 0) {
-            EXPECT_EQ(objectValue<uint64_t>(note.data(), kIdProperty), put);
-        }
-        return put;
-    }
 };
 
 TEST_F(EntityStateTest, StartsBehindTheHighestStoredId) {
@@ -50,37 +39,6 @@ TEST_F(EntityStateTest, SeesTheObjectsOfTheThreadsOwnWriter) {
     EXPECT_EQ(storedIds(), std::vector<uint64_t>{41});
 }
 
-TEST_F(EntityStateTest, ReservesRangesOfIds) {
-    EXPECT_EQ(state().idsForPut(9), 1u);
-    EXPECT_EQ(state().idsForPut(3), 10u);
-    EXPECT_EQ(state().idsForPut(0), 13u);
-    EXPECT_EQ(state().prepareIdForPut(0), 13u);
-    EXPECT_EQ(state().idsForPut(10000), 14u);
-    for (const int64_t count : {int64_t{-1}, int64_t{10001}, INT64_MIN}) {
-        expectThrow<IllegalArgumentException>(
-            "Limit for getting IDs is 10,000, but requested: " + std::to_string(count),
-            [&] { state().idsForPut(count); });
-    }
-}
-
-TEST_F(EntityStateTest, RefusesIdsThatTheSequenceHasNotReached) {
-    expectThrow<IllegalArgumentException>(
-        "ID is higher or equal to internal ID sequence: 5 (vs. 1). Use ID 0 (zero) to insert new "
-        "objects.",
-        [&] { state().prepareIdForPut(5); });
-    state().idsForPut(5);
-    EXPECT_EQ(state().prepareIdForPut(5), 5u);
-    EXPECT_THROW(state().prepareIdForPut(6), IllegalArgumentException);
-}
-
-TEST_F(EntityStateTest, AdoptsIdsThatCallersMayAssign) {
-    EXPECT_EQ(state(kTags).prepareIdForPut(5), 5u);
-    EXPECT_EQ(state(kTags).prepareIdForPut(3), 3u);
-    EXPECT_EQ(state(kTags).prepareIdForPut(0), 6u);
-    EXPECT_THROW(state(kTags).prepareIdForPut(kAllOnes), IllegalArgumentException);
-    EXPECT_EQ(state(kTags).prepareIdForPut(0), 7u);
-}
-
 TEST_F(EntityStateTest, NeverWrapsAround) {
     EXPECT_EQ(state(kTags).prepareIdForPut(kAllOnes - 1), kAllOnes - 1);
     EXPECT_THROW(state(kTags).prepareIdForPut(0), IllegalStateException);
@@ -88,35 +46,10 @@ TEST_F(EntityStateTest, NeverWrapsAround) {
     EXPECT_EQ(state(kTags).idsForPut(0), kAllOnes);
 }
 
-TEST_F(EntityStateTest, SettlesTheIdInTheCallersBuffer) {
-    EXPECT_EQ(putObject(0, kPut), 1u);
-    EXPECT_EQ(putObject(kAllOnes, kPut), 2u);
-    EXPECT_EQ(putObject(kAllOnes, kPutInsert), 3u);
-    EXPECT_EQ(putObject(2, kPut), 2u);
-    EXPECT_EQ(putObject(2, kPutInsert), 0u);
-    EXPECT_EQ(putObject(2, kPutUpdate), 2u);
-    EXPECT_EQ(putObject(9, kPutIdGuaranteedToBeNew, kTags), 9u);
-    EXPECT_EQ(storedIds(), (std::vector<uint64_t>{1, 2, 3}));
-}
-
-TEST_F(EntityStateTest, RefusesUpdatesWithoutAnIdOrBeyondTheSequence) {
-    expectThrow<IllegalArgumentException>(
-        "Putting object failed because ID is not set (zero) for object to update",
-        [&] { putObject(kAllOnes, kPutUpdate); });
-    expectThrow<IdNotFoundException>("ID is higher or equal to internal ID sequence: 8 (vs. 1)",
-                                     [&] { putObject(8, kPutUpdate); });
-    expectThrow<IdNotFoundException>("ID is higher or equal to internal ID sequence: 8 (vs. 1)",
-                                     [&] { putObject(8, kPutUpdate, kTags); });
-    expectThrow<IllegalArgumentException>("ID is higher or equal",
-                                          [&] { putObject(8, kPut); });
-}
-
-TEST_F(EntityStateTest, RefusesObjectsWithoutAnIdField) {
+TEST_F(EntityStateTest, RefusesWhatIsNoObject) {
     const auto tx = write();
     const auto notes = cursor(*tx);
-    ObjectBytes note = makeObject({{kTextProperty, std::string("no ID")}});
-    expectThrow<IllegalArgumentException>("No ID value found in the given data",
-                                          [&] { notes->putObject(note.data(), note.size(), 1); });
+    ObjectBytes note = makeNote(0);
     expectThrow<ArgumentNullException>("Argument \"objectFlatBuffer\" must not be null",
                                        [&] { notes->putObject(nullptr, 8, kPut); });
     expectThrow<IllegalStateException>("State condition failed in putObject:313: table",

@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "schema/schema.h"
 #include "store/cursor.h"
 #include "store/index_cursor.h"
 #include "store/index_cursor_set.h"
 #include "store/object_store.h"
 #include "store/relation_cursor.h"
+#include "store/schema_spec.h"
 #include "store/transaction.h"
 #include "support/index_checker.h"
 #include "support/object.h"
@@ -20,63 +20,10 @@
 
 namespace quillmere {
 
-// A schema written down in a few lines. Each entity has an ID property with ID 1; index IDs are 100
-// times the entity's plus the property's.
-class SchemaSpec {
-public:
-    SchemaSpec() : schema_(std::make_shared<Schema>(1)) {}
-
-    SchemaSpec& entity(uint32_t id, const std::string& name) {
-        finishEntity();
-        entity_ = std::make_shared<Entity>(id, 100 + id, name);
-        return property(1, "id", PropertyType::Long, kPropertyId | kPropertyIdSelfAssignable);
-    }
-    SchemaSpec& property(uint32_t id, const std::string& name, PropertyType type,
-                         uint32_t flags = 0, uint32_t target = 0) {
-        auto property =
-            std::make_shared<Property>(id, 1000 * entity_->id() + id, name, type, flags);
-        property->setEntity(entity_->id());
-        property->setFlatOffset(objectSlot(id));
-        if (target != 0) property->setTargetEntityId(target);
-        property->finish();
-        if (property->isIndexed()) property->setIndexIds(indexId(entity_->id(), id), 50000 + id);
-        entity_->addProperty(property);
-        return *this;
-    }
-    SchemaSpec& toOne(uint32_t id, const std::string& name, uint32_t target, uint32_t flags = 0) {
-        return property(id, name, PropertyType::Relation,
-                        kPropertyIndexed | kPropertyIndexSkipZero | flags, target);
-    }
-    SchemaSpec& relation(uint32_t id, uint32_t target) {
-        entity_->addRelation(std::make_shared<Relation>(id, 70000 + id, entity_->id(), target));
-        return *this;
-    }
-    std::shared_ptr<Schema> build() {
-        finishEntity();
-        schema_->link();
-        return schema_;
-    }
-
-    static uint32_t indexId(uint32_t entityId, uint32_t propertyId) {
-        return 100 * entityId + propertyId;
-    }
-
-private:
-    void finishEntity() {
-        if (!entity_) return;
-        entity_->finish();
-        schema_->addEntity(std::exchange(entity_, nullptr));
-    }
-
-    std::shared_ptr<Schema> schema_;
-    std::shared_ptr<Entity> entity_;
-};
-
 class IndexTest : public ::testing::Test {
 protected:
-    void open(SchemaSpec spec) {
+    void open(SchemaSpec spec, StoreOptions options = {}) {
         store_.reset();
-        StoreOptions options;
         options.directory = dir_.storePath("db");
         store_ = std::make_unique<ObjectStore>(options);
         store_->setSchema(spec.build());

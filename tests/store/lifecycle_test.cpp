@@ -71,44 +71,18 @@ protected:
 
 // --- sharing -------------------------------------------------------------------------------------
 
-TEST_F(LifecycleTest, pathThatIsOpenCannotBeOpenedAgain) {
-    const StorePtr store = openStore();
-    expectThrow<IllegalStateException>(inUse(), [&] { openStore(); });
+TEST_F(LifecycleTest, pathIsOpenedOnceInsideAndOutsideOfTheRegistry) {
     StoreOptions detour = options();
     if (TempDir::onFiles()) detour.directory = dir_.storePath("db/../db/.");
-    expectThrow<IllegalStateException>(inUse(), [&] { openStore(detour); });
-    expectThrow<IllegalStateException>(inUse(), [&] { ObjectStore::create(options()); });
-    putMark(*store, 1);
-    EXPECT_EQ(countMarks(*store), 1u);
-}
-
-TEST_F(LifecycleTest, storeOutsideTheRegistryHoldsItsPathToo) {
-    auto created = ObjectStore::create(options());
-    EXPECT_EQ(created->id(), 0u);
-    EXPECT_FALSE(ObjectStore::isOpen(dir_.storePath("db")));
-    expectThrow<IllegalStateException>(inUse(), [&] { openStore(); });
-    created.reset();
-    EXPECT_NE(openStore()->id(), 0u);
-}
-
-TEST_F(LifecycleTest, attachesByPathAndById) {
-    EXPECT_EQ(ObjectStore::attach(dir_.storePath("db")), nullptr);
-    EXPECT_EQ(ObjectStore::attachById(~uint64_t{0}), nullptr);
-    bool attached = true;
-    StorePtr store = ObjectStore::attachOrOpen(options(), &attached);
-    EXPECT_FALSE(attached);
-    const uint64_t id = store->id();
-    EXPECT_EQ(ObjectStore::attachOrOpen(options(), &attached), store);
-    EXPECT_TRUE(attached);
-    EXPECT_EQ(ObjectStore::attach(dir_.storePath(TempDir::onFiles() ? "db/" : "db")), store);
-    EXPECT_EQ(ObjectStore::attachById(id), store);
-    EXPECT_EQ(ObjectStore::weakById(id).lock(), store);
-    EXPECT_TRUE(ObjectStore::isOpen(dir_.storePath("db")));
-
-    store.reset();
-    EXPECT_FALSE(ObjectStore::isOpen(dir_.storePath("db")));
-    EXPECT_EQ(ObjectStore::attachById(id), nullptr);
-    EXPECT_GT(openStore()->id(), id);
+    for (const bool shared : {true, false}) {
+        const StorePtr store = shared ? openStore() : StorePtr(ObjectStore::create(options()));
+        EXPECT_EQ(store->id() != 0, shared);
+        EXPECT_EQ(ObjectStore::isOpen(dir_.storePath("db")), shared);
+        expectThrow<IllegalStateException>(inUse(), [&] { openStore(detour); });
+        expectThrow<IllegalStateException>(inUse(), [&] { ObjectStore::create(options()); });
+        putMark(*store, 1);
+        EXPECT_EQ(countMarks(*store), 1u);
+    }
 }
 
 TEST_F(LifecycleTest, attachingComparesOptionsOnRequest) {
@@ -196,6 +170,7 @@ TEST_F(LifecycleTest, validatesRecordsOnRequest) {
     const StorePtr store = openStore(validating);
     ASSERT_NE(store->validationResult(), nullptr);
     EXPECT_EQ(store->validationResult()->pairs, 1u);
+    EXPECT_EQ(store->cleanStaleReadTransactions(), 0u);
 }
 
 TEST_F(LifecycleTest, flatOptionsAndParameterMayNotBothGiveAModel) {
@@ -213,57 +188,7 @@ TEST_F(LifecycleTest, flatOptionsAndParameterMayNotBothGiveAModel) {
         });
 }
 
-TEST_F(LifecycleTest, tellsSizesAndDiagnosis) {
-    const StorePtr store = openStore();
-    putMark(*store, 1);
-    EXPECT_GT(store->size(), 0u);
-    const uint64_t fileSize = ObjectStore::dbFileSize(dir_.storePath("db"));
-    EXPECT_EQ(TempDir::onFiles() ? store->sizeOnDisk() : store->size(), fileSize);
-    const std::map<std::string, uint32_t> types = {{"", 1}, {"memory:", 2}, {"memory-wal:", 3}};
-    EXPECT_EQ(store->typeId(), types.at(TempDir::storePrefix()));
-    EXPECT_EQ(store->diagnose().find("entries=1") != std::string::npos, TempDir::onLmdb());
-    EXPECT_EQ(store->cleanStaleReadTransactions(), 0u);
-}
-
-// --- removing files ------------------------------------------------------------------------------
-
-TEST_F(LifecycleTest, removedFilesOfAnOpenStoreMakeRoomForAnother) {
-    const StorePtr old = openStore();
-    putMark(*old, 1);
-    {
-        const LogCapture log;
-        EXPECT_TRUE(ObjectStore::removeDbFiles(dir_.storePath("db"), false));
-        EXPECT_TRUE(log.contains("[INFO ] Removed files of shared store that's still open: " +
-                                 old->directory() + "\n"));
-    }
-    EXPECT_FALSE(ObjectStore::isOpen(dir_.storePath("db")));
-    StorePtr fresh = openStore();
-    EXPECT_NE(fresh, old);
-    EXPECT_EQ(countMarks(*fresh), 0u);
-    putMark(*fresh, 7);
-    putMark(*old, 2);
-    EXPECT_EQ(countMarks(*old), 2u);
-    EXPECT_EQ(countMarks(*fresh), 1u);
-
-    fresh.reset();
-    EXPECT_TRUE(ObjectStore::removeDbFiles(dir_.storePath("db"), true));
-    EXPECT_FALSE(std::filesystem::exists(dir_.path("db")));
-    EXPECT_TRUE(ObjectStore::removeDbFiles(dir_.storePath("missing"), false));
-}
-
 // --- state ---------------------------------------------------------------------------------------
-
-TEST_F(LifecycleTest, storeAboutToCloseRefusesNewWork) {
-    const StorePtr store = openStore();
-    auto running = store->beginTx(TxMode::Write);
-    store->prepareToClose();
-    expectThrow<StoreClosedException>("Store is closing",
-                                      [&] { store->beginTx(TxMode::Read); });
-    expectThrow<StoreClosedException>("Store is closing", [&] { store->checkOpen(false); });
-    expectThrow<StoreClosedException>("Store is closing", [&] { store->dropAllRaw(); });
-    expectThrow<StoreClosedException>("Store is closing", [&] { store->typeId(); });
-    running->commit();
-}
 
 std::string banner(const std::string& state) {
     const std::string frame(67, '!');
@@ -461,29 +386,6 @@ TEST_F(ConcurrentLifecycleTest, openWaitsUntilTheClosingStoreIsReallyClosed) {
     };
     openWhileClosing(1, [&] { return openStore(hooked()); });
     openWhileClosing(2, [&] { return StorePtr(ObjectStore::create(hooked())); });
-}
-
-TEST_F(ConcurrentLifecycleTest, neverTwoEnvironmentsOnOnePath) {
-    const StoreOptions options = hooked();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 25; ++i) {
-                bool attached = false;
-                const StorePtr store = ObjectStore::attachOrOpen(options, &attached);
-                try {
-                    ThreadTx tx(*store, TxMode::Write);
-                    tx.tx().createKeyValueCursor(kMarks)->putRaw(1, "mark", 4);
-                    tx.markSuccess();
-                } catch (const IllegalStateException& e) {
-                    ADD_FAILURE() << e.what();
-                }
-            }
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(HookedProvider::instance().mostOpenStores, 1);
-    EXPECT_EQ(HookedProvider::instance().openStores, 0);
 }
 
 TEST_F(ConcurrentLifecycleTest, waitingWriterFailsWhenTheStoreCloses) {

@@ -68,37 +68,6 @@ TEST(ObjectTable, ReadsAtAnyAlignment) {
     }
 }
 
-TEST(ObjectTable, ReadsStringsAndVectors) {
-    flatbuffers::FlatBufferBuilder builder;
-    const auto text = builder.CreateString("text");
-    const auto empty = builder.CreateString("");
-    const auto numbers = builder.CreateVector(std::vector<uint16_t>{7, 0xFFFF});
-    const auto strings = builder.CreateVectorOfStrings({"a", "", "long enough"});
-    const auto start = builder.StartTable();
-    builder.AddOffset(4, text);
-    builder.AddOffset(6, empty);
-    builder.AddOffset(10, numbers);
-    builder.AddOffset(12, strings);
-    builder.Finish(flatbuffers::Offset<flatbuffers::Table>(builder.EndTable(start)));
-    const ObjectTable table(builder.GetBufferPointer(), builder.GetSize());
-
-    EXPECT_EQ(table.string(4), "text");
-    EXPECT_TRUE(table.string(6).empty());
-    EXPECT_NE(table.string(6).data(), nullptr);
-    EXPECT_EQ(table.string(8).data(), nullptr);  // absent
-    EXPECT_FALSE(table.vector(8, 2));
-    const ObjectVector vector = table.vector(10, 2);
-    ASSERT_EQ(vector.count, 2u);
-    EXPECT_EQ(vector.at<uint16_t>(0), 7);
-    EXPECT_EQ(vector.at<uint16_t>(1), 0xFFFF);
-    EXPECT_FALSE(table.vector(10, 1000));  // so many bytes are not there
-    const ObjectVector list = table.stringVector(12);
-    ASSERT_EQ(list.count, 3u);
-    EXPECT_EQ(table.stringAt(list, 0), "a");
-    EXPECT_EQ(table.stringAt(list, 1), "");
-    EXPECT_EQ(table.stringAt(list, 2), "long enough");
-}
-
 TEST(ObjectTable, StaysInsideOfTruncatedBytes) {
     const ObjectBytes object = makeObject({{1, uint64_t{7}}, {2, std::string("text")}, {3, 1.5}});
     EXPECT_FALSE(ObjectTable(nullptr, 0));

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "core/error.h"
-#include "schema/schema.h"
 #include "store/cursor.h"
 #include "store/object_store.h"
+#include "store/schema_spec.h"
 #include "store/transaction.h"
 #include "support/object.h"
 #include "support/temp_dir.h"
@@ -58,15 +58,17 @@ protected:
     }
 
     static std::shared_ptr<Schema> makeSchema() {
-        auto schema = std::make_shared<Schema>(1);
-        schema->addEntity(makeEntity(kNotes, "Note", 0));
-        schema->addEntity(makeEntity(kTags, "Tag", kPropertyIdSelfAssignable));
-        auto synced = makeEntity(kSynced, "Synced", 0);
-        synced->setFlags(kEntitySyncEnabled);
-        schema->addEntity(synced);
-        schema->addEntity(makeEntity(kDated, "Dated", 0, PropertyType::Date, kPropertyIdCompanion));
-        schema->link();
-        return schema;
+        SchemaSpec spec;
+        const auto addFields = [](SchemaSpec& entity, PropertyType numberType = PropertyType::Long,
+                                  uint32_t numberFlags = 0) {
+            entity.property(kTextProperty, "text", PropertyType::String)
+                .property(kNumberProperty, "number", numberType, numberFlags);
+        };
+        addFields(spec.entity(kNotes, "Note", 0, 0));
+        addFields(spec.entity(kTags, "Tag"));
+        addFields(spec.entity(kSynced, "Synced", kEntitySyncEnabled, 0));
+        addFields(spec.entity(kDated, "Dated", 0, 0), PropertyType::Date, kPropertyIdCompanion);
+        return spec.build();
     }
 
     const Entity& entity(uint32_t id) { return store_->requireSchema()->entityById(id); }
@@ -101,27 +103,6 @@ protected:
 
     TempDir dir_;
     std::unique_ptr<ObjectStore> store_;
-
-private:
-    static std::shared_ptr<Entity> makeEntity(uint32_t id, const std::string& name,
-                                              uint32_t idFlags,
-                                              PropertyType numberType = PropertyType::Long,
-                                              uint32_t numberFlags = 0) {
-        auto entity = std::make_shared<Entity>(id, 100 + id, name);
-        addProperty(*entity, kIdProperty, "id", PropertyType::Long, kPropertyId | idFlags);
-        addProperty(*entity, kTextProperty, "text", PropertyType::String, 0);
-        addProperty(*entity, kNumberProperty, "number", numberType, numberFlags);
-        entity->finish();
-        return entity;
-    }
-    static void addProperty(Entity& entity, uint32_t id, const std::string& name,
-                            PropertyType type, uint32_t flags) {
-        auto property = std::make_shared<Property>(id, 1000 * entity.id() + id, name, type, flags);
-        property->setEntity(entity.id());
-        property->setFlatOffset(objectSlot(id));
-        property->finish();
-        entity.addProperty(property);
-    }
 };
 
 }  // namespace quillmere

@@ -77,31 +77,6 @@ TEST_F(RelationCursorTest, ALinkIsStoredInBothDirectionsByTheWidthOfItsIds) {
     EXPECT_THAT(keys(kToTags), IsEmpty());
 }
 
-TEST_F(RelationCursorTest, RelationsBelongToTheirSource) {
-    EXPECT_EQ(messageOf<IllegalStateException>([&] { books_->relationCursor(9); }),
-              "No relation for relation ID 9 in Book");
-    EXPECT_EQ(messageOf<IllegalStateException>(
-                  [&] { books_->cursorFor(kTags).relationCursor(kToTags); }),
-              "No relation for relation ID 1 in Tag");
-}
-
-TEST_F(RelationCursorTest, IllegalIdsAreRefusedEverywhere) {
-    RelationCursor& relation = toTags();
-    for (const uint64_t bad : {uint64_t{0}, ~uint64_t{0}}) {
-        const std::string message = "Illegal entity ID: " + std::to_string(bad);
-        std::vector<uint64_t> found;
-        const auto expectRefused = [&](auto&& work) {
-            EXPECT_EQ(messageOf<IllegalArgumentException>(work), message);
-        };
-        expectRefused([&] { relation.put(bad, 1); });
-        expectRefused([&] { relation.put(1, bad); });
-        expectRefused([&] { relation.remove(1, bad); });
-        expectRefused([&] { relation.findIds(bad, found, false); });
-        expectRefused([&] { relation.removeAllFor(bad, true); });
-    }
-    EXPECT_THAT(keys(kToTags), IsEmpty());
-}
-
 TEST_F(RelationCursorTest, RandomLinksAgreeWithASet) {
     std::mt19937 random(testSeed());
     const uint64_t pool[] = {1, 2, 3, 0xFF, 0xFFFFFFFF, kLongId, kLongId + 1, ~uint64_t{0} - 1};

@@ -2,11 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
+#include <functional>
 
 #include "store/kist.h"
 #include "store/object_test.h"
-#include "support/hooked_provider.h"
 
 namespace quillmere {
 namespace {
@@ -21,77 +20,25 @@ protected:
     std::vector<uint64_t> tags() { return storedIds(kTags); }
 };
 
-TEST_F(ThreadTxTest, nestedHandlesJoinAndOnlyTheOwnerCommits) {
-    ThreadTx owner(*store_, TxMode::Write);
-    {
-        ThreadTx nested(*store_, TxMode::Write, &entity(kTags), true);
-        EXPECT_FALSE(nested.isOwner());
-        EXPECT_EQ(&nested.tx(), &owner.tx());
-        put(nested.cursor(), 1);
-        nested.markSuccess();
-    }
-    EXPECT_TRUE(owner.tx().active());
-    std::thread([&] { EXPECT_TRUE(tags().empty()); }).join();
-    {
-        ThreadTx reader(*store_, TxMode::Read, &entity(kTags));
-        EXPECT_EQ(reader.cursor().count(), 1u) << "a nested reader sees the writer's work";
-    }
-    owner.markSuccess();
-    EXPECT_EQ(tags(), std::vector<uint64_t>{1});
-}
-
-TEST_F(ThreadTxTest, ownerThatClosesUnmarkedAborts) {
-    {
-        ThreadTx owner(*store_, TxMode::Write);
-        putTag(owner, 1);
-    }
-    EXPECT_TRUE(tags().empty());
-    ThreadTx next(*store_, TxMode::Write);
-    EXPECT_TRUE(next.isOwner());
-}
-
-TEST_F(ThreadTxTest, modesMustGoTogether) {
-    expectThrow<IllegalStateException>(
-        "An existing transaction is required",
-        [&] { ThreadTx(*store_, TxMode::Read, nullptr, true); });
-    ThreadTx reader(*store_, TxMode::Read);
-    expectThrow<IllegalStateException>(
-        "Cannot start a write transaction inside a read only transaction",
-        [&] { ThreadTx(*store_, TxMode::Write); });
-    ThreadTx(*store_, TxMode::Read);
-    EXPECT_TRUE(reader.tx().active());
-    expectThrow<IllegalStateException>("Cannot set success on a non-write TX",
-                                       [&] { reader.markSuccess(); });
-    expectThrow<IllegalStateException>("State condition failed in tx:137: tx_",
-                                       [&] { reader.tx(); });
-}
-
-TEST_F(ThreadTxTest, nestedWriterWithoutSuccessFailsTheOwner) {
-    ThreadTx owner(*store_, TxMode::Write);
-    const uint64_t number = owner.tx().number();
-    ThreadTx other(*store_, TxMode::Write);
-    putTag(owner, 1);
-    { ThreadTx failing(*store_, TxMode::Write); }
-    EXPECT_FALSE(owner.tx().active());
-    expectThrow<IllegalStateException>(notActive(number), [&] { other.markSuccess(); });
-    expectThrow<IllegalStateException>(notActive(number), [&] { owner.markSuccess(); });
-    EXPECT_TRUE(tags().empty());
-    ThreadTx(*store_, TxMode::Write).markSuccess();
-}
-
-TEST_F(ThreadTxTest, nothingJoinsOrCommitsBehindAnAbortedLeftover) {
-    Kist& kist = store_->kist(kNotes);
-    ThreadTx owner(*store_, TxMode::Write);
-    const uint64_t number = owner.tx().number();
-    owner.abort();
+TEST_F(ThreadTxTest, refusedPutsFailTheTransactionThatTheyJoined) {
     const ObjectBytes tag = makeNote(1);
-    expectThrow<IllegalStateException>(notActive(number), [&] {
-        kist.put(1, tag.data(), tag.size(), kPut);
-    });
-    expectThrow<IllegalStateException>(notActive(number),
-                                       [&] { ThreadTx(*store_, TxMode::Write); });
-    owner.close(true);
-    EXPECT_TRUE(storedIds().empty());
+    const Bytes bytes(tag.data(), tag.size());
+    Kist& kist = store_->kist(kTags);
+    kist.put(1, tag.data(), tag.size(), kPut);
+    EXPECT_TRUE(kist.containsAll({1}));
+    const std::function<void()> refused[] = {
+        [&] {
+            EXPECT_THROW(kist.put(1, tag.data(), tag.size(), kPutInsert), IdAlreadyExistsException);
+        },
+        [&] { EXPECT_FALSE(kist.putMany({3, 1}, {bytes, bytes}, kPutInsert, true)); }};
+    for (const auto& put : refused) {
+        ThreadTx owner(*store_, TxMode::Write);
+        const uint64_t number = owner.tx().number();
+        putTag(owner, 2);
+        put();
+        expectThrow<IllegalStateException>(notActive(number), [&] { owner.markSuccess(); });
+        EXPECT_EQ(tags(), std::vector<uint64_t>{1});
+    }
 }
 
 TEST_F(ThreadTxTest, nestedHandlesOutliveTheOwner) {
@@ -117,22 +64,6 @@ TEST_F(ThreadTxTest, nestedHandlesOutliveTheOwner) {
     putTag(next, 2);
     next.markSuccess();
     EXPECT_EQ(tags(), std::vector<uint64_t>{2});
-}
-
-TEST_F(ThreadTxTest, failedBeginLeavesNothingBehind) {
-    HookedProvider::instance();
-    StoreOptions options;
-    options.directory = HookedProvider::kPrefix + dir_.storePath("hooked");
-    ObjectStore store(options);
-    {
-        HookedProvider::Hooks hooks;
-        hooks.beforeBegin = [] { throw StorageException("no begin", 5); };
-        const ScopedHooks scope(hooks);
-        expectThrow<StorageException>("no begin", [&] { ThreadTx(store, TxMode::Write); });
-    }
-    expectThrow<IllegalStateException>("An existing transaction is required",
-                                       [&] { ThreadTx(store, TxMode::Write, nullptr, true); });
-    ThreadTx(store, TxMode::Write).markSuccess();
 }
 
 TEST_F(ThreadTxTest, handleWhoseCursorCannotBeMadeCloses) {
@@ -161,51 +92,7 @@ TEST_F(ThreadTxTest, failedCommitClosesTheHandle) {
     EXPECT_EQ(tags(), std::vector<uint64_t>{2});
 }
 
-TEST_F(ThreadTxTest, listenersOfACommitUseTransactionsOfTheirOwn) {
-    std::vector<uint64_t> numbers;
-    store_->addListener([&](const auto& ids) {
-        if (ids.front() != kTags) return;
-        {
-            ThreadTx reader(*store_, TxMode::Read, &entity(kTags));
-            EXPECT_TRUE(reader.isOwner());
-            EXPECT_EQ(reader.cursor().count(), 1u);
-        }
-        ThreadTx writer(*store_, TxMode::Write, &entity(kNotes));
-        numbers.push_back(writer.tx().number());
-        put(writer.cursor(), writer.cursor().idForPut(0));
-        writer.markSuccess();
-    });
-    ThreadTx owner(*store_, TxMode::Write);
-    numbers.push_back(owner.tx().number());
-    putTag(owner, 1);
-    owner.markSuccess();
-    ASSERT_EQ(numbers.size(), 2u);
-    EXPECT_LT(numbers[0], numbers[1]);
-    EXPECT_EQ(storedIds(kNotes).size(), 1u);
-}
-
 using ConcurrentThreadTxTest = ThreadTxTest;
-
-TEST_F(ConcurrentThreadTxTest, threadsHaveATransactionEach) {
-    constexpr uint64_t kThreads = 4;
-    constexpr uint64_t kRounds = 25;
-    std::vector<std::thread> threads;
-    for (uint64_t t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            for (uint64_t i = 0; i < kRounds; ++i) {
-                ThreadTx owner(*store_, TxMode::Write);
-                EXPECT_TRUE(owner.isOwner());
-                putTag(owner, 1 + t * kRounds + i);
-                ThreadTx(*store_, TxMode::Write).markSuccess();
-                owner.markSuccess();
-                ThreadTx reader(*store_, TxMode::Read, &entity(kTags));
-                EXPECT_TRUE(reader.cursor().seek(1 + t * kRounds + i));
-            }
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(tags().size(), kThreads * kRounds);
-}
 
 }  // namespace
 }  // namespace quillmere
