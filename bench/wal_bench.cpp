@@ -108,6 +108,8 @@ public:
         emptyLmdb_ = openStore(path("empty"));
         for (uint32_t id = 1; id <= data_.count(); ++id) map_[keyText(id)] = valueText(id);
         writeLog();
+        log_.assign(buffer_.data(), buffer_.data() + writer_.position());
+        saveSnapshot();
     }
     ~WalBench() { std::filesystem::remove_all(settings_.directory); }
 
@@ -191,8 +193,6 @@ private:
             kvLog_.writePut(Bytes(key_.set(id)->mv_data, 8), Bytes(object.data, object.size));
             pairBytes_ += 8 + static_cast<double>(object.size);
         }
-        log_.assign(buffer_.data(), buffer_.data() + writer_.position());
-        saveSnapshotOnce();
     }
     void readLog() {
         CountingHandler handler;
@@ -210,12 +210,12 @@ private:
     }
     void encode() {
         encoded_.resize(2 * log_.size());
-        encoded_.resize(rle0Encode(log_.data(), log_.size(), encoded_.data(), encoded_.size()));
+        encodedSize_ = rle0Encode(log_.data(), log_.size(), encoded_.data(), encoded_.size());
     }
     void decode() {
-        if (encoded_.empty()) encode();
+        if (encodedSize_ == 0) encode();
         scratch_.resize(log_.size() + 1);
-        if (rle0Decode(encoded_.data(), encoded_.size(), scratch_.data(), log_.size()) !=
+        if (rle0Decode(encoded_.data(), encodedSize_, scratch_.data(), log_.size()) !=
             log_.size()) {
             throw std::runtime_error("Lost data");
         }
@@ -246,9 +246,6 @@ private:
             file.write(record.data(), record.size());
             if (synced) file.sync();
         }
-    }
-    void saveSnapshotOnce() {
-        if (!std::filesystem::exists(path("snapshot"))) saveSnapshot();
     }
     void saveSnapshot() {
         const auto tx = begin(*memory_, true);
@@ -356,6 +353,7 @@ private:
     double pairBytes_ = 0;
     std::vector<uint8_t> log_;
     std::vector<uint8_t> encoded_;
+    size_t encodedSize_ = 0;
     std::vector<uint8_t> scratch_;
     uint64_t appendedBytes_[2] = {};
     uint64_t sum_ = 0;

@@ -41,15 +41,21 @@ struct Output {
     size_t left() const { return static_cast<size_t>(end - at); }
 };
 
+// Copies what stands in front of the next zero byte, of eight bytes; false if they have none. There
+// must be eight bytes on both sides.
+bool copyToZero(Input& in, Output& out) {
+    const uint64_t word = loadLittle<uint64_t>(in.at);
+    storeLittle(out.at, word);
+    const size_t literals = bytesBeforeZero(word);
+    in.at += literals;
+    out.at += literals;
+    return literals < 8;
+}
+
 // Copies what stands in front of the next zero byte, as far as the output takes it.
 void copyLiterals(Input& in, Output& out) {
     while (in.left() >= 8 && out.left() >= 8) {
-        const uint64_t word = loadLittle<uint64_t>(in.at);
-        storeLittle(out.at, word);
-        const size_t literals = bytesBeforeZero(word);
-        in.at += literals;
-        out.at += literals;
-        if (literals < 8) return;
+        if (copyToZero(in, out)) return;
     }
     while (in.at != in.end && *in.at != 0 && out.at != out.end) *out.at++ = *in.at++;
 }
@@ -94,6 +100,47 @@ bool writeZeros(size_t zeros, Input& in, Output& out) {
     return true;
 }
 
+// Encodes while there is ample room on both sides and runs of zeros are shorter than a word: with
+// as few branches as possible, since none of them can be predicted, and without a load that waits
+// for where the zero was found.
+void encodeFast(Input& in, Output& out) {
+    while (in.left() >= 16 && out.left() >= 16) {
+        const uint64_t word = loadLittle<uint64_t>(in.at);
+        const uint64_t behind = loadLittle<uint64_t>(in.at + 8);
+        storeLittle(out.at, word);
+        const size_t literals = bytesBeforeZero(word);
+        in.at += literals;
+        out.at += literals;
+        if (literals == 8) continue;
+        const size_t bits = 8 * literals;
+        const uint64_t fromZero = word >> bits | behind << 1 << (63 - bits);
+        if (fromZero == 0) return;
+        const size_t zeros = static_cast<size_t>(std::countr_zero(fromZero)) / 8;
+        const auto next = static_cast<uint8_t>(fromZero >> 8 * zeros);
+        const bool takesNext = (zeros == 1) & (next < kIllegal);
+        out.at[0] = 0;
+        out.at[1] = static_cast<uint8_t>(takesNext ? next : kIllegal + zeros);
+        in.at += zeros + takesNext;
+        out.at += 2;
+    }
+}
+
+// Decodes likewise, while runs of zeros have their length in the second byte.
+void decodeFast(Input& in, Output& out) {
+    constexpr size_t kZeroBlock = 32;
+    static_assert(kZeroBlock > kShortMax);
+    while (in.left() >= 16 && out.left() >= 8 + kZeroBlock) {
+        if (!copyToZero(in, out)) continue;
+        const uint8_t code = in.at[1];
+        if (code == kIllegal || code >= kMedium) return;
+        const bool literal = code < kIllegal;
+        std::memset(out.at, 0, kZeroBlock);
+        out.at[1] = literal ? code : 0;
+        in.at += 2;
+        out.at += literal ? 2 : code - kIllegal;
+    }
+}
+
 [[noreturn, gnu::cold]] void fail(const char* message) {
     throwWith<ParsingException>(message);
 }
@@ -121,6 +168,7 @@ size_t rle0Encode(const uint8_t* source, size_t size, uint8_t* destination, size
     Input in{source, source + size};
     Output out{destination, destination + capacity};
     while (in.at != in.end) {
+        encodeFast(in, out);
         copyLiterals(in, out);
         if (in.at == in.end) break;
         if (*in.at != 0) return 0;  // the output is full
@@ -133,6 +181,7 @@ size_t rle0Decode(const uint8_t* source, size_t size, uint8_t* destination, size
     Input in{source, source + size};
     Output out{destination, destination + capacity};
     while (in.at != in.end && out.at < out.end) {
+        decodeFast(in, out);
         copyLiterals(in, out);
         if (in.at == in.end || out.at == out.end) break;
         if (++in.at == in.end) fail("RLE zero is incomplete");

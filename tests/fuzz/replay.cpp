@@ -27,15 +27,18 @@ void run(const std::string& input) {
 
 // A few bytes changed, removed, inserted or repeated.
 std::string changed(std::string input, std::mt19937& random) {
-    const auto below = [&](size_t end) { return static_cast<size_t>(random() % std::max<size_t>(end, 1)); };
+    const auto below = [&](size_t end) {
+        return static_cast<size_t>(random() % std::max<size_t>(end, 1));
+    };
     for (size_t changes = 1 + below(4); changes > 0; --changes) {
         const size_t at = below(input.size());
-        switch (below(5)) {
-            case 0: if (!input.empty()) input[at] = static_cast<char>(random()); break;
-            case 1: if (!input.empty()) input[at] = static_cast<char>(input[at] ^ 1 << below(8)); break;
+        const char any = static_cast<char>(below(2) ? 0xFF : random());
+        switch (below(input.empty() ? 2 : 5)) {
+            case 0: input.insert(at, below(9), any); break;
+            case 1: input.insert(at, input.substr(below(input.size()), below(33))); break;
             case 2: input.erase(at, below(9)); break;
-            case 3: input.insert(at, below(9), static_cast<char>(below(2) ? 0xFF : random())); break;
-            default: input.insert(at, input.substr(below(input.size()), below(33)));
+            case 3: input[at] = any; break;
+            default: input[at] = static_cast<char>(input[at] ^ 1 << below(8));
         }
     }
     return input;

@@ -71,7 +71,8 @@ TEST_F(SnapshotTest, ChunksOfALargeStoreMakeOneFile) {
     open();
     Records data;
     for (int i = 0; i < 300; ++i) {
-        data["key" + std::to_string(i)] = std::string(static_cast<size_t>(i % 7) * 1000, 'a' + i % 9);
+        const size_t size = static_cast<size_t>(i % 7) * 1000;
+        data["key" + std::to_string(i)] = std::string(size, static_cast<char>('a' + i % 9));
     }
     data["large"] = std::string(200000, 'x');
     commit(data);

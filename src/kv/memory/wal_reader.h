@@ -33,7 +33,7 @@ public:
     // everything below as it was, apart from the offset.
     bool next();
     uint64_t number() const { return nextNumber_ - 1; }  // of the last record
-    uint32_t hash() const { return hash_; }  // of the last record, before the first one the header's
+    uint32_t hash() const { return hash_; }  // of it; before the first record the header's
     const Bytes& log() const { return log_; }       // valid until next()
     size_t offset() const { return recordOffset_; }  // of the record that was tried last
 
