@@ -72,6 +72,20 @@ TEST_F(WalTest, WritesHeaderAndRecordsByteByByte) {
     EXPECT_EQ(reopened(), (Records{{kKey, "v"}, {"\0\0\0\2"s, ""}}));
 }
 
+TEST_F(WalTest, LogsWhatIsStoredForAValueThatLiesInTheOneItReplaces) {
+    open();
+    const auto tx = begin();
+    const auto cursor = tx->createDbCursor();
+    cursor->put("key1", 4, "abcdef", 6);
+    Bytes value;
+    ASSERT_TRUE(cursor->get(Bytes("key1", 4), value));
+    cursor->put("key1", 4, value.data() + 1, 3);
+    tx->commit();
+    const Records stored = records();
+    EXPECT_EQ(stored, (Records{{"key1", "bcd"}}));
+    EXPECT_EQ(reopened(), stored);
+}
+
 TEST_F(WalTest, RefusesInvalidHeadersAndRecordsAndLeavesTheFile) {
     const std::string good = WalBytes().bytes;
     const auto withByte = [&](size_t at, char byte) {
