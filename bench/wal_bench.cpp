@@ -11,6 +11,7 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -167,7 +168,7 @@ private:
              [&] { appendRaw(false); }},
             {"snapshot save, bytes", "read and write of the file, fdatasync", fileBytes,
              [&] { saveSnapshot(); }, [&] { copyFile(); }},
-            {"snapshot load, bytes", "read of the file, std::map from it", fileBytes,
+            {"snapshot load, bytes", "read of the file, std::map of the same", fileBytes,
              [&] { loadSnapshot(); }, [&] { loadMap(); }},
             {"sequential put, objects", "std::map", objects, [&] { putAll(*emptyMemory_); },
              [&] { putIntoMap(); }},

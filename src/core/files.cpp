@@ -44,13 +44,25 @@ int removeDirectory(const std::string& path) {
     return ::rmdir(path.c_str()) == 0 ? 0 : errno;
 }
 
-std::FILE* createFile(const std::string& path, uint32_t mode) {
-    const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC,
+namespace {
+
+std::FILE* openStream(const std::string& path, int flags, uint32_t mode) {
+    const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | flags,
                                   static_cast<mode_t>(mode));
     if (descriptor < 0) return nullptr;
-    std::FILE* const stream = ::fdopen(descriptor, "w+b");
+    std::FILE* const stream = ::fdopen(descriptor, "r+b");
     if (!stream) ::close(descriptor);
     return stream;
+}
+
+}  // namespace
+
+std::FILE* createFile(const std::string& path, uint32_t mode) {
+    return openStream(path, O_TRUNC, mode);
+}
+
+std::FILE* openOrCreateFile(const std::string& path, uint32_t mode) {
+    return openStream(path, 0, mode);
 }
 
 bool lockFile(std::FILE* stream) {

@@ -24,9 +24,10 @@ void prepareDirectory(const std::string& path, uint32_t mode);
 int removeFile(const std::string& path);
 int removeDirectory(const std::string& path);
 
-// A new empty file in place of whatever was there, for reading and writing, with this mode if it is
-// made; null, with errno, on failure.
+// A file for reading and writing, made with this mode if it is not there; null, with errno, on
+// failure. The first gives an empty file in place of whatever was there, the other one keeps it.
 std::FILE* createFile(const std::string& path, uint32_t mode);
+std::FILE* openOrCreateFile(const std::string& path, uint32_t mode);
 
 // Locks the file for this stream, until it is closed; false if another one has locked it. Where the
 // file system has no locks, there is none.

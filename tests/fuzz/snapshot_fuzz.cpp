@@ -1,6 +1,7 @@
 // The loading of a snapshot: the input as what stands in front of the file's hash.
 
 #include "fuzz.h"
+#include "kv/memory/snapshot_format.h"
 #include "kv/memory/snapshot_reader.h"
 #include "kv/wal_fixture.h"
 
@@ -14,9 +15,13 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     WalStore::writeFile(files.snapshotPath(), withFileHash(input));
     SnapshotReader reader(files.snapshotPath());
     const auto tx = files.begin();
+    if (size < kSnapshotMinSize - kSnapshotHashSize) {
+        mayRefuse([&] { reader.openFile(); });
+        return 0;
+    }
+    reader.openFile();
+    reader.checkIntegrity();
     mayRefuse([&] {
-        reader.openFile();
-        reader.checkIntegrity();
         reader.readHeader();
         reader.readContent(*tx->createDbCursor());
     });

@@ -5,7 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
+#include <sstream>
 
 #include "core/files.h"
 #include "kv/memory/wal_reader.h"
@@ -70,6 +72,65 @@ TEST_F(WalTest, WritesHeaderAndRecordsByteByByte) {
     expected.record(6, putLog("v") + "\1\4\0\0\0\2\0"s);
     EXPECT_EQ(testing::PrintToString(wal()), testing::PrintToString(expected.bytes));
     EXPECT_EQ(reopened(), (Records{{kKey, "v"}, {"\0\0\0\2"s, ""}}));
+}
+
+TEST_F(WalTest, TellsItsStepsWhenVerbose) {
+    LogCapture capture;
+    options.debugFlags = kDebugWal;
+    open();
+    WalBytes expected(0, saltInFile());
+    commit({{kKey, "v"}});
+    expected.record(1, putLog("v"));
+    const std::string first = std::to_string(expected.hash);
+    commit({{kKey, "-"}});
+    expected.record(2, "\x0A\4" + kKey);
+    const std::string second = std::to_string(expected.hash);
+    options.walMaxFileSizeOnOpenInKb = 0;
+    open();
+    options.walMaxFileSizeOnOpenInKb = 4096;
+    open();
+
+    std::istringstream lines(capture.text());
+    std::string steps;
+    for (std::string line; std::getline(lines, line);) {
+        steps += line.substr(std::min(line.find("[INFO ] ["), line.size())) + '\n';
+    }
+    const std::string file = "[INFO ] [WalFil] ";
+    EXPECT_EQ(steps,
+              file + "Creating new WAL file\n" +
+              file + "Wrote header (29 bytes, initial hash: 0)\n" +
+              file + "RLE0 encoding not applied to KV log with 8 bytes (too small)\n" +
+              file + "Written TX 1 (18 bytes, kvLogSize: 8 bytes, hash prev/new: 0/" + first +
+              ")\n" +
+              file + "RLE0 encoding not applied to KV log with 6 bytes (no puts)\n" +
+              file + "Written TX 2 (16 bytes, kvLogSize: 6 bytes, hash prev/new: " + first + "/" +
+              second + ")\n" +
+              file + "Closed file\n" +
+              file + "Open existing WAL file\n" +
+              file + "Read Header (29 bytes, initial hash: 0)\n" +
+              file + "Applied TX 1, hash " + first + "\n" +
+              file + "Applied TX 2, hash " + second + "\n" +
+              "[INFO ] [WalSnp] Taking snapshot at TX 2-" + second + "\n" +
+              file + "Wrote header (29 bytes, initial hash: " + second + ")\n" +
+              file + "Closed file\n" +
+              file + "Initialized next expected TX number to 3 and expected initial hash to " +
+              second + "\n" +
+              file + "Open existing WAL file\n" +
+              file + "Read Header (29 bytes, initial hash: " + second + ")\n");
+}
+
+TEST_F(WalTest, LogsWhatIsStoredForAValueThatLiesInTheOneItReplaces) {
+    open();
+    const auto tx = begin();
+    const auto cursor = tx->createDbCursor();
+    cursor->put("key1", 4, "abcdef", 6);
+    Bytes value;
+    ASSERT_TRUE(cursor->get(Bytes("key1", 4), value));
+    cursor->put("key1", 4, value.data() + 1, 3);
+    tx->commit();
+    const Records stored = records();
+    EXPECT_EQ(stored, (Records{{"key1", "bcd"}}));
+    EXPECT_EQ(reopened(), stored);
 }
 
 TEST_F(WalTest, RefusesInvalidHeadersAndRecordsAndLeavesTheFile) {

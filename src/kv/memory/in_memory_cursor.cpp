@@ -171,7 +171,10 @@ void InMemoryCursor::put(const void* keyData, size_t keySize, const void* valueD
     }
     iterator_->put(Bytes(keyData, keySize), Bytes(valueData, valueSize));
     adopt(true);
-    if (wal_) log([&] { wal_->put(keyData, keySize, valueData, valueSize); });
+    if (!wal_) return;
+    // As it is stored: the bytes given may have lain in the value that was replaced.
+    const Bytes& value = iterator_->value();
+    log([&] { wal_->put(key_.data(), key_.size(), value.data(), value.size()); });
 }
 
 bool InMemoryCursor::removeCurrent(bool& outHasNext) {

@@ -39,7 +39,9 @@ bool InMemoryIterator::leave(State state) {
 }
 
 void InMemoryIterator::requirePosition() const {
-    if (state_ == State::Unset) throwIllegalState("This operation requires to set a position first");
+    if (state_ == State::Unset) {
+        throwIllegalState("This operation requires to set a position first");
+    }
 }
 
 void InMemoryIterator::setKey(const Bytes& key) {

@@ -89,10 +89,9 @@ void WalFile::initLastTxSequence(uint64_t number, uint32_t hash) {
 
 void WalFile::openAndApplyFile(DbStore& store, DbTransaction* transaction) {
     CHECK_STATE_AT(87, file_ == nullptr);
-    uint64_t size = 0;
-    const bool existing = pathType(config_.path, &size) == PathType::File && size > 0;
-    if (!existing && config_.readOnly) return;
-    openStream(existing);
+    if (fileSize() == 0 && config_.readOnly) return;
+    const uint64_t size = openStream();
+    const bool existing = size > 0;
     if (config_.verbose) {
         logLine(existing ? "%s [INFO ] [WalFil] Open existing WAL file\n"
                          : "%s [INFO ] [WalFil] Creating new WAL file\n",
@@ -106,9 +105,11 @@ void WalFile::openAndApplyFile(DbStore& store, DbTransaction* transaction) {
     resetRecord();
 }
 
-void WalFile::openStream(bool existing) {
-    file_ = existing ? std::fopen(config_.path.c_str(), config_.readOnly ? "rbe" : "r+be")
-                     : createFile(config_.path, config_.fileMode);
+// Gives the size of the file, which another process may change until it is locked.
+uint64_t WalFile::openStream() {
+    const bool existing = fileSize() > 0;
+    file_ = config_.readOnly ? std::fopen(config_.path.c_str(), "rbe")
+                             : openOrCreateFile(config_.path, config_.fileMode);
     if (!file_) {
         throwIoWithErrno(existing ? "Couldn't open WAL file (existing)"
                                   : "Couldn't open WAL file (new)");
@@ -119,6 +120,11 @@ void WalFile::openStream(bool existing) {
     // A commit's write reaches the system at once and as a whole; nothing of a failed one is left
     // in a buffer to be written later.
     std::setvbuf(file_, nullptr, _IONBF, 0);
+    std::fseek(file_, 0, SEEK_END);
+    const long size = std::ftell(file_);
+    if (size < 0) throwIoWithErrno("Couldn't get the size of the WAL file");
+    std::rewind(file_);
+    return static_cast<uint64_t>(size);
 }
 
 Bytes WalFile::readContent(uint64_t size) {
@@ -128,6 +134,7 @@ Bytes WalFile::readContent(uint64_t size) {
         throwIo("Couldn't read from WAL file (size: ", std::to_string(size),
                 " vs. read: ", std::to_string(count), ") error code message: ", systemText());
     }
+    std::fseek(file_, 0, SEEK_CUR);  // a write may follow
     fileEnd_ = size;
     return content;
 }
@@ -294,8 +301,8 @@ void WalFile::checkOffsets() const {
     };
     const size_t size = writer_.position();
     require(flagsOffset_ >= kWalHashPrefixSize + 1, "Illegal flags offset: ", flagsOffset_);
-    require(sizeOffset_ > flagsOffset_, "Illegal size offset: ", sizeOffset_);
-    require(logOffset_ > sizeOffset_, "Illegal start offset: ", logOffset_);
+    require(sizeOffset_ >= flagsOffset_, "Illegal size offset: ", sizeOffset_);
+    require(logOffset_ >= sizeOffset_, "Illegal start offset: ", logOffset_);
     require(size >= kWalHashPrefixSize + 6, "Illegal content size: ", size);
     require(size >= logOffset_, "Illegal content size/offset: ", size);
     require(sizeOffset_ >= kWalHashPrefixSize + 2 && sizeOffset_ <= size - 4,
@@ -422,9 +429,15 @@ void WalFile::truncate(uint64_t size) {
 }
 
 void WalFile::syncOrFlush() {
-    if (!config_.syncs) {
+    if (config_.syncs) {
+        sync();
+    } else {
         std::fflush(file_);
-    } else if (!syncFile(file_)) {
+    }
+}
+
+void WalFile::sync() {
+    if (!syncFile(file_)) {
         logLine("%s [WARN ] [WalFil] Sync to WAL file failed\n", logTimestamp());
     }
 }

@@ -12,7 +12,6 @@
 #include "core/bytes.h"
 #include "core/bytes_writer.h"
 #include "kv/kv_log.h"
-#include "core/store_options.h"
 #include "kv/memory/tx_sequence.h"
 
 namespace quillmere {
@@ -54,6 +53,8 @@ public:
     void commitTx();
     void abortTx();
 
+    // Brings all records to the disk, also those that their commits did not wait for.
+    void sync();
     // Empties the log, whose content is in a snapshot now. Not while a record is open. May be
     // called again after a failure.
     void deleteContent();
@@ -63,7 +64,7 @@ public:
     TxSequence lastTx() const { return {nextTxNumber_ - 1, hash_, true}; }
 
 private:
-    void openStream(bool existing);
+    uint64_t openStream();
     Bytes readContent(uint64_t size);
     void applyContent(const Bytes& content, DbStore& store, DbTransaction* transaction);
     bool continuesSnapshot(const Bytes& content, const WalReader& reader);
@@ -82,6 +83,7 @@ private:
     void append(const void* data, size_t size);
     void truncate(uint64_t size);
     void syncOrFlush();
+
     const Config config_;
     std::FILE* file_ = nullptr;
     uint64_t fileEnd_ = 0;   // behind the last complete record

@@ -1,6 +1,7 @@
 #include "kv/memory/wal_storage.h"
 
 #include <cerrno>
+#include <exception>
 
 #include "core/error.h"
 #include "core/files.h"
@@ -126,12 +127,14 @@ void WalStorage::takeSnapshot(DbTransaction& transaction) {
         const std::string text = std::to_string(last.number) + "-" + std::to_string(last.hash);
         logLine("%s [INFO ] [WalSnp] Taking snapshot at TX %s\n", logTimestamp(), text.c_str());
     }
+    // A log that lost its end with the power would not end where the snapshot does.
+    walFile_->sync();
     SnapshotWriter writer(snapshotPath_, kSnapshotSequence, last, fileMode_);
     writer.save(*transaction.createDbCursor());
     logIsInSnapshot_ = true;
     try {
         emptyLog();
-    } catch (const IoException& e) {
+    } catch (const std::exception& e) {  // of the snapshot, nothing can fail any more
         logLine("%s [WARN ] [WalSnp] Could not empty the WAL file yet: %s\n", logTimestamp(),
                 e.what());
     }
