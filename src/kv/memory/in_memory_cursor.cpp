@@ -171,7 +171,9 @@ void InMemoryCursor::put(const void* keyData, size_t keySize, const void* valueD
     }
     iterator_->put(Bytes(keyData, keySize), Bytes(valueData, valueSize));
     adopt(true);
-    if (wal_) log([&] { wal_->put(keyData, keySize, valueData, valueSize); });
+    if (!wal_) return;
+    const Bytes& value = iterator_->value();  // what was given may have been the data's own bytes
+    log([&] { wal_->put(key_.data(), key_.size(), value.data(), value.size()); });
 }
 
 bool InMemoryCursor::removeCurrent(bool& outHasNext) {
