@@ -154,7 +154,7 @@ std::vector<Character> importCharacters(const Store& store) {
         commit(std::move(txn));
         tellProgress(done, characters.size(), "characters");
     }
-    tellRate(characters.size(), "characters, each thousand durable on disk", watch);
+    tellRate(characters.size(), "characters, a commit for each thousand", watch);
     return characters;
 }
 

@@ -381,15 +381,16 @@ QMR_API void qmr_opt_no_reader_thread_locals(QMR_store_options* opt, bool flag);
 QMR_API void qmr_opt_read_only(QMR_store_options* opt, bool value);
 /* Whether to read the schema at open, true by default; must be true with a model. */
 QMR_API void qmr_opt_read_schema(QMR_store_options* opt, bool value);
-/* Opens the commit before the last one. */
+/* Opens the commit before the last one. Stores in memory have none, and open the last:
+ * qmr_store_opened_with_previous_commit tells. */
 QMR_API void qmr_opt_use_previous_commit(QMR_store_options* opt, bool value);
 /* QMRDebugFlags; the second form adds to what is set. */
 QMR_API void qmr_opt_debug_flags(QMR_store_options* opt, uint32_t flags);
 QMR_API void qmr_opt_add_debug_flags(QMR_store_options* opt, uint32_t flags);
 /* A QMRPutPaddingMode. */
 QMR_API void qmr_opt_put_padding_mode(QMR_store_options* opt, uint32_t mode);
-/* Checks that many of the most recent pages at open; all bits set: all pages. Bit 0 of the flags:
- * down to the leaves. */
+/* Checks that many pages at open, from the roots of the trees down; all bits set: all pages; 0
+ * (default): none. Bit 0 of the flags: down to the leaves. Stores in memory have no pages. */
 QMR_API void qmr_opt_validate_on_open_pages(QMR_store_options* opt, uint64_t page_limit,
                                             uint32_t flags);
 /* Checks every record at open. */

@@ -153,6 +153,11 @@ TEST_F(InMemoryStoreTest, CursorsSurviveWhatOthersErase) {
     EXPECT_EQ(key.text(), "c");
     EXPECT_TRUE(behind->previous(key, value));
     EXPECT_EQ(key.text(), "c");
+    // The one that erased the last element lends its copy of the key.
+    acting->keyView(key);
+    acting->setKey(key);
+    EXPECT_TRUE(acting->previous(key, value));
+    EXPECT_EQ(key.text(), "c");
     store_->dropAll(*tx);
     EXPECT_FALSE(standing->next());
     EXPECT_FALSE(behind->previous());

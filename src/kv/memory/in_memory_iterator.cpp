@@ -44,13 +44,22 @@ void InMemoryIterator::requirePosition() const {
     }
 }
 
+// The key may be a view of the very copy that is remembered now: look at key_ from here on.
+inline void InMemoryIterator::remember(const Bytes& key) {
+    if (key_.owned()) [[unlikely]] {
+        key_ = Bytes::copyOf(key.data(), key.size());
+    } else {
+        key_.setView(key.data(), key.size());
+    }
+}
+
 void InMemoryIterator::setKey(const Bytes& key) {
     if (!key.hasBytes()) {
         leave(State::Unset);
         key_.clear();
     } else if (!isOn() || !keyAt(place_).equals(key)) {
         leave(State::Behind);
-        key_.setView(key.data(), key.size());
+        remember(key);
     }
 }
 
@@ -85,21 +94,21 @@ bool InMemoryIterator::seek(const Bytes& key) {
             return enter(std::prev(place_));
         }
     }
-    key_.setView(key.data(), key.size());
-    return enter(entries().find(key));
+    remember(key);
+    return enter(entries().find(key_));
 }
 
 bool InMemoryIterator::seekOrNext(const Bytes& key) {
     if (isAt(place_, key)) return enter(place_);
-    key_.setView(key.data(), key.size());
-    return enter(entries().lower_bound(key));
+    remember(key);
+    return enter(entries().lower_bound(key_));
 }
 
 bool InMemoryIterator::seekOrPrevious(const Bytes& key) {
     if (isAt(place_, key)) return enter(place_);
-    key_.setView(key.data(), key.size());
-    const Place place = entries().lower_bound(key);
-    if (isAt(place, key)) return enter(place);
+    remember(key);
+    const Place place = entries().lower_bound(key_);
+    if (isAt(place, key_)) return enter(place);
     return place == entries().begin() ? leave(State::Before) : enter(std::prev(place));
 }
 

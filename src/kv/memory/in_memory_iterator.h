@@ -61,6 +61,7 @@ private:
     bool enter(Place place);
     bool leave(State state);
     void requirePosition() const;
+    void remember(const Bytes& key);
     Place placeFor(const Bytes& key);
 
     InMemoryData& data_;

@@ -1,7 +1,6 @@
 #include "kv/memory/in_memory_provider.h"
 
 #include <array>
-#include <cerrno>
 
 #include "core/files.h"
 #include "core/store_options.h"
