@@ -6,7 +6,7 @@
 
 #include "core/error.h"
 #include "core/latch.h"
-#include "thrown.h"
+#include "support/expect_throw.h"
 
 namespace quillmere {
 namespace {
@@ -33,12 +33,12 @@ TEST(NumberLock, OneHolderAtATimeWhoCanBeNamed) {
 TEST(NumberLock, RefusesZeroAndLockingTwice) {
     NumberLock lock;
     uint64_t holder;
-    EXPECT_EQ(thrown<IllegalArgumentException>([&] { lock.lock(0); }), "Number may not be zero");
+    EXPECT_EQ(messageOf<IllegalArgumentException>([&] { lock.lock(0); }), "Number may not be zero");
     EXPECT_THROW(lock.tryLock(0, holder), IllegalArgumentException);
     EXPECT_THROW(lock.tryLockFor(0, 1, holder), IllegalArgumentException);
     EXPECT_THROW(lock.unlock(0), IllegalArgumentException);
     lock.lock(5);
-    EXPECT_EQ(thrown<IllegalStateException>([&] { lock.tryLockFor(5, kLong, holder); }),
+    EXPECT_EQ(messageOf<IllegalStateException>([&] { lock.tryLockFor(5, kLong, holder); }),
               "Number is already locked - locking twice is illegal: 5");
     EXPECT_EQ(lock.unlock(5), 0u);
     lock.lock(6);
@@ -67,7 +67,7 @@ TEST(NumberLock, ShutdownRefusesAllButTheCloser) {
     uint64_t holder = 0;
     lock.lock(5);
     lock.shutDown();
-    EXPECT_EQ(thrown<ShuttingDownException>([&] { lock.lock(6); }), "This lock is shutting down");
+    EXPECT_EQ(messageOf<ShuttingDownException>([&] { lock.lock(6); }), "This lock is shutting down");
     EXPECT_FALSE(lock.tryLock(6, holder));
     EXPECT_EQ(holder, NumberLock::kCloserNumber);
     holder = 0;
