@@ -823,7 +823,12 @@ QMR_API qmr_err qmr_kist_ts_min_max_range(QMR_kist* kist, int64_t range_begin, i
  * Calls need no checks in between: the first failure stays on the builder, later calls do nothing,
  * and qmr_query reports it. A failure on the builder of a link, at any depth, counts for all the
  * builders above it. Functions that add a condition give its ID, 0 on failure. Builders, also those
- * of links, may be closed in any order, and before the query. All values are copied.
+ * of links, may be closed in any order, and before the query. A builder and those of its links are
+ * used by one thread at a time. All values are copied.
+ *
+ * A condition on a property of a type that it does not take fails with QMR_ERROR_ILLEGAL_ARGUMENT
+ * or QMR_ERROR_PROPERTY_TYPE_MISMATCH, an unknown entity or property with QMR_ERROR_SCHEMA. An
+ * object whose property is null matches qmr_qb_null and the _not_in_ conditions only.
  * --------------------------------------------------------------------------------------------- */
 
 typedef enum {
@@ -834,6 +839,7 @@ typedef enum {
     QMROrderFlags_NULLS_ZERO = 16     /* null scalars sort like 0 */
 } QMROrderFlags;
 
+/* The query will log what the store's debug flags tell at this time. */
 QMR_API QMR_query_builder* qmr_query_builder(QMR_store* store, qmr_schema_id entity_id);
 QMR_API qmr_err qmr_qb_close(QMR_query_builder* builder);
 /* The ID of the builder's entity. */
@@ -847,7 +853,8 @@ QMR_API const char* qmr_qb_error_message(QMR_query_builder* builder);
  * Aliases must be unique within a query and its links. */
 QMR_API qmr_err qmr_qb_param_alias(QMR_query_builder* builder, const char* alias);
 
-/* Combine conditions into one. A condition can be combined once. */
+/* Combine conditions into one. A condition can be combined once. `conditions` is not null; of none,
+ * the first form matches all objects and the second no object. */
 QMR_API qmr_qb_cond qmr_qb_all(QMR_query_builder* builder, const qmr_qb_cond conditions[],
                                size_t count);
 QMR_API qmr_qb_cond qmr_qb_any(QMR_query_builder* builder, const qmr_qb_cond conditions[],
@@ -856,8 +863,10 @@ QMR_API qmr_qb_cond qmr_qb_any(QMR_query_builder* builder, const qmr_qb_cond con
 QMR_API qmr_qb_cond qmr_qb_null(QMR_query_builder* builder, qmr_schema_id property_id);
 QMR_API qmr_qb_cond qmr_qb_not_null(QMR_query_builder* builder, qmr_schema_id property_id);
 
-/* Integers, booleans (0 and 1), dates and relations, and vectors of integers, of which one element
- * must match. A value that the property can not have gives QMR_ERROR_NUMERIC_OVERFLOW. */
+/* Integers, dates, relations, and vectors of integers, of which one element must match; booleans (0
+ * and 1) take the first two forms, floats all others, with the value as a double. A value that the
+ * property can not have gives QMR_ERROR_NUMERIC_OVERFLOW. An unsigned 64-bit property takes its bit
+ * pattern. */
 QMR_API qmr_qb_cond qmr_qb_equals_int(QMR_query_builder* builder, qmr_schema_id property_id,
                                       int64_t value);
 QMR_API qmr_qb_cond qmr_qb_not_equals_int(QMR_query_builder* builder, qmr_schema_id property_id,
@@ -870,7 +879,7 @@ QMR_API qmr_qb_cond qmr_qb_less_than_int(QMR_query_builder* builder, qmr_schema_
                                          int64_t value);
 QMR_API qmr_qb_cond qmr_qb_less_or_equal_int(QMR_query_builder* builder, qmr_schema_id property_id,
                                              int64_t value);
-/* Both ends belong to the range; their order does not matter. */
+/* Both ends belong to the range; their order does not matter. Not for vectors. */
 QMR_API qmr_qb_cond qmr_qb_between_2ints(QMR_query_builder* builder, qmr_schema_id property_id,
                                          int64_t value_a, int64_t value_b);
 /* For properties of 32 bits (Int), and of 64 bits. `values` is not null, also for no values. */
@@ -883,7 +892,7 @@ QMR_API qmr_qb_cond qmr_qb_in_int64s(QMR_query_builder* builder, qmr_schema_id p
 QMR_API qmr_qb_cond qmr_qb_not_in_int64s(QMR_query_builder* builder, qmr_schema_id property_id,
                                          const int64_t values[], size_t count);
 
-/* Floats and doubles, and vectors of them. */
+/* Floats and doubles, and, but for the last form, vectors of them. */
 QMR_API qmr_qb_cond qmr_qb_greater_than_double(QMR_query_builder* builder,
                                                qmr_schema_id property_id, double value);
 QMR_API qmr_qb_cond qmr_qb_greater_or_equal_double(QMR_query_builder* builder,
@@ -895,7 +904,8 @@ QMR_API qmr_qb_cond qmr_qb_less_or_equal_double(QMR_query_builder* builder,
 QMR_API qmr_qb_cond qmr_qb_between_2doubles(QMR_query_builder* builder, qmr_schema_id property_id,
                                             double value_a, double value_b);
 
-/* Strings and byte vectors. Without `case_sensitive`, the letters A to Z equal a to z. */
+/* Strings and byte vectors; the first form also takes a Flex value that is a string or an integer.
+ * Without `case_sensitive`, the letters A to Z equal a to z. */
 QMR_API qmr_qb_cond qmr_qb_equals_string(QMR_query_builder* builder, qmr_schema_id property_id,
                                          const char* value, bool case_sensitive);
 QMR_API qmr_qb_cond qmr_qb_not_equals_string(QMR_query_builder* builder, qmr_schema_id property_id,
@@ -917,7 +927,9 @@ QMR_API qmr_qb_cond qmr_qb_less_than_string(QMR_query_builder* builder, qmr_sche
 QMR_API qmr_qb_cond qmr_qb_less_or_equal_string(QMR_query_builder* builder,
                                                 qmr_schema_id property_id, const char* value,
                                                 bool case_sensitive);
-/* An element of a vector of strings, or in a Flex value. The first form also takes a String. */
+/* The first form is an older name of qmr_qb_contains_string, which also takes a vector of strings
+ * and then asks for an element. The second form: an element of a vector of strings, or of the list
+ * in a Flex value, or a key of the map there. */
 QMR_API qmr_qb_cond qmr_qb_any_equals_string(QMR_query_builder* builder, qmr_schema_id property_id,
                                              const char* value, bool case_sensitive);
 QMR_API qmr_qb_cond qmr_qb_contains_element_string(QMR_query_builder* builder,
@@ -927,7 +939,7 @@ QMR_API qmr_qb_cond qmr_qb_contains_element_string(QMR_query_builder* builder,
 QMR_API qmr_qb_cond qmr_qb_contains_key_value_string(QMR_query_builder* builder,
                                                      qmr_schema_id property_id, const char* key,
                                                      const char* value, bool case_sensitive);
-/* Neither `values` nor one of its elements is null. */
+/* Strings and byte vectors. Neither `values` nor one of its elements is null. */
 QMR_API qmr_qb_cond qmr_qb_in_strings(QMR_query_builder* builder, qmr_schema_id property_id,
                                       const char* const values[], size_t count,
                                       bool case_sensitive);
@@ -953,7 +965,8 @@ QMR_API qmr_qb_cond qmr_qb_relation_count_property(QMR_query_builder* builder,
                                                    qmr_schema_id relation_property_id,
                                                    int32_t relation_count);
 
-/* QMROrderFlags. The first call is the primary key. On a builder with a failure: its code. */
+/* QMROrderFlags. The first call is the primary key. On a builder with a failure: its code. A
+ * property whose type has no order makes qmr_query fail. */
 QMR_API qmr_err qmr_qb_order(QMR_query_builder* builder, qmr_schema_id property_id,
                              uint32_t flags);
 
@@ -978,8 +991,9 @@ QMR_API QMR_query_builder* qmr_qb_link_time(QMR_query_builder* builder,
 /* ------------------------------------------------------------------------------------------------
  * Query: built once, run often, with values that can be changed. Used by one thread at a time; a
  * clone is independent. Each run joins the transaction of the thread or makes one of its own, or
- * uses a cursor of the query's entity, and with it the cursor's transaction. Once the store has
- * closed only qmr_query_describe and the closing are left.
+ * uses a cursor of the query's entity, and with it the cursor's transaction. A closing store waits
+ * for the runs of other threads, up to about 10 seconds; once it has closed only qmr_query_describe
+ * and the closing of the handle are left.
  *
  * Object bytes that a run gives out are the store's own memory inside a transaction of the thread
  * (convention 5), and copies without one: those of an array live as long as the array, and those
@@ -987,7 +1001,7 @@ QMR_API QMR_query_builder* qmr_qb_link_time(QMR_query_builder* builder,
  * --------------------------------------------------------------------------------------------- */
 
 /* Takes the builder's content; what is left is an empty builder. Null for a builder with a failure,
- * which becomes the last error. */
+ * which becomes the last error. A failure here, as of an alias used twice, stays on the builder. */
 QMR_API QMR_query* qmr_query(QMR_query_builder* builder);
 /* With the same values, offset and limit. */
 QMR_API QMR_query* qmr_query_clone(QMR_query* query);
@@ -1001,6 +1015,7 @@ QMR_API qmr_err qmr_query_offset_limit(QMR_query* query, uint64_t offset, uint64
 /* Counts up to the limit. Fails with an offset. */
 QMR_API qmr_err qmr_query_count(QMR_query* query, uint64_t* out_count);
 QMR_API qmr_err qmr_query_cursor_count(QMR_query* query, QMR_cursor* cursor, uint64_t* out_count);
+/* In the builder's order, without one by ascending ID. */
 QMR_API QMR_bytes_array* qmr_query_find(QMR_query* query);
 QMR_API QMR_bytes_array* qmr_query_cursor_find(QMR_query* query, QMR_cursor* cursor);
 QMR_API QMR_id_array* qmr_query_find_ids(QMR_query* query);
@@ -1039,7 +1054,7 @@ QMR_API const char* qmr_query_describe_params(QMR_query* query);
  * several have that property the first one is meant, or by its alias. Entity ID 0 means the query's
  * own entity, and fails if the query has links. No value is null, also not an empty array. The
  * type must fit: a string set takes `strings`, a key with its value `2strings`, a range `2ints` or
- * `2doubles`. */
+ * `2doubles`; a number must be one that the property can have. A failure changes nothing. */
 
 QMR_API qmr_err qmr_query_param_string(QMR_query* query, qmr_schema_id entity_id,
                                        qmr_schema_id property_id, const char* value);
@@ -1093,10 +1108,12 @@ QMR_API size_t qmr_query_param_alias_get_type_size(QMR_query* query, const char*
 /* ------------------------------------------------------------------------------------------------
  * Property query: the values of one property over all matches of a query, without regard to its
  * offset and limit. Nulls are left out unless a replacement is given. The query may be closed
- * before; until then it shares its values with the property query. Threads and transactions as with
- * queries.
+ * before; the two share the values of the conditions, and so are used by one thread at a time.
+ * Transactions as with queries. An aggregate of a property whose type it does not take fails with
+ * QMR_ERROR_ILLEGAL_STATE, a list with QMR_ERROR_PROPERTY_TYPE_MISMATCH.
  * --------------------------------------------------------------------------------------------- */
 
+/* Of a property of the query's entity. */
 QMR_API QMR_query_prop* qmr_query_prop(QMR_query* query, qmr_schema_id property_id);
 QMR_API qmr_err qmr_query_prop_close(QMR_query_prop* prop);
 /* Whether equal values count once; false at the start. */
@@ -1104,17 +1121,21 @@ QMR_API qmr_err qmr_query_prop_distinct(QMR_query_prop* prop, bool distinct);
 /* The same for strings, with the choice of what is equal: case-sensitive at the start. */
 QMR_API qmr_err qmr_query_prop_distinct_case(QMR_query_prop* prop, bool distinct,
                                              bool case_sensitive);
+/* Of any type; distinct values are counted of integers, floats and strings. */
 QMR_API qmr_err qmr_query_prop_count(QMR_query_prop* prop, uint64_t* out_count);
 
 /* `out_count`, optional, is the number of values that went in, -1 if there are some but they were
- * not counted. Not with distinct. Minimum and maximum are of floats and doubles; without values
- * they, and the average, are NaN. */
+ * not counted. Not with distinct. Minimum and maximum are of floats and doubles, sum and average of
+ * all numbers, booleans (0 and 1) included. Without values all but the sum are NaN. A NaN among the
+ * values is the sum and the average, and no minimum or maximum. */
 QMR_API qmr_err qmr_query_prop_avg(QMR_query_prop* prop, double* out_average, int64_t* out_count);
 QMR_API qmr_err qmr_query_prop_sum(QMR_query_prop* prop, double* out_sum, int64_t* out_count);
 QMR_API qmr_err qmr_query_prop_min(QMR_query_prop* prop, double* out_minimum, int64_t* out_count);
 QMR_API qmr_err qmr_query_prop_max(QMR_query_prop* prop, double* out_maximum, int64_t* out_count);
-/* Of integers; 0 without values. The average is rounded. Minimum and maximum of an unsigned 64-bit
- * property are its bit pattern. */
+/* Of integers, dates and relations, sum and average of booleans too; 0 without values. The average
+ * is rounded to the nearest, away from zero at a tie. What the result can not hold gives
+ * QMR_ERROR_NUMERIC_OVERFLOW, but minimum and maximum of an unsigned 64-bit property are its bit
+ * pattern. */
 QMR_API qmr_err qmr_query_prop_avg_int(QMR_query_prop* prop, int64_t* out_average,
                                        int64_t* out_count);
 QMR_API qmr_err qmr_query_prop_sum_int(QMR_query_prop* prop, int64_t* out_sum, int64_t* out_count);
@@ -1123,8 +1144,9 @@ QMR_API qmr_err qmr_query_prop_min_int(QMR_query_prop* prop, int64_t* out_minimu
 QMR_API qmr_err qmr_query_prop_max_int(QMR_query_prop* prop, int64_t* out_maximum,
                                        int64_t* out_count);
 
-/* The values in the order of matches. `value_if_null` is optional. The width must be that of the
- * property; booleans are 8 bits, dates and relations 64. */
+/* The values by ascending ID of their objects, whatever the builder's order. `value_if_null` is
+ * optional. The width must be that of the property; booleans are 8 bits, dates and relations 64.
+ * Strings may also come from byte vectors, as far as the first zero byte. */
 QMR_API QMR_string_array* qmr_query_prop_find_strings(QMR_query_prop* prop,
                                                       const char* value_if_null);
 QMR_API QMR_double_array* qmr_query_prop_find_doubles(QMR_query_prop* prop,

@@ -21,7 +21,7 @@ namespace {
 class QueryTx {
 public:
     QueryTx(const QMR_query* query, TxMode mode)
-        : tx_(usableStore(*query->query, query->store), mode, &query->query->entity()) {}
+        : tx_(QueryStore(*query->query, query->store).get(), mode, &query->query->entity()) {}
 
     Cursor& cursor() { return tx_.cursor(); }
     // Views into a transaction that ends with the call would dangle.
@@ -35,8 +35,8 @@ private:
 // The cursor given by the caller; whether it is of the query's entity is checked when it runs.
 Cursor& usableCursor(const QMR_query* query, const QMR_cursor* cursor) {
     CHECK_STATE(cursor->cursor);
-    const ObjectStore& store = usableStore(*query->query, query->store);
-    if (&liveTx(*cursor).store() != &store) {
+    const QueryStore store(*query->query, query->store);
+    if (&liveTx(*cursor).store() != &store.get()) {
         throwIllegalArgument("The given cursor is of another store than the query");
     }
     return *cursor->cursor;
@@ -102,7 +102,7 @@ std::vector<Query::IdScore> findScores(const QMR_query* query, Cursor& cursor) {
 QMR_query* qmr_query_clone(QMR_query* query) {
     return pointerCall([&] {
         CHECK_ARG_NOT_NULL(query);
-        usableStore(*query->query, query->store);
+        const QueryStore store(*query->query, query->store);
         auto* const clone = new QMR_query(query->query->clone(), query->store);
         clone->offset = query->offset;
         clone->limit = query->limit;
@@ -296,7 +296,7 @@ const char* qmr_query_describe(QMR_query* query) {
 const char* qmr_query_describe_params(QMR_query* query) {
     return pointerCall([&] {
         CHECK_ARG_NOT_NULL(query);
-        usableStore(*query->query, query->store);
+        const QueryStore store(*query->query, query->store);
         query->parameters = query->query->describeParameters();
         return query->parameters.c_str();
     });

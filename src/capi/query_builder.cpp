@@ -18,6 +18,7 @@
 #include "schema/property.h"
 #include "schema/relation.h"
 #include "schema/schema.h"
+#include "store/store_activity.h"
 
 using namespace quillmere;
 
@@ -104,6 +105,7 @@ qmr_err builderCall(QMR_query_builder* builder, Keep keep, Work&& work) noexcept
         if (const BuilderNode* const failed = node.failed()) {
             kept = failed->errorCode;
         } else {
+            const RunningQuery running(node.store.activity());
             work(node);
         }
     });
@@ -123,43 +125,50 @@ qmr_qb_cond addCondition(QMR_query_builder* builder, Add&& add) noexcept {
     return id;
 }
 
-template <class Add>
-qmr_qb_cond addPropertyCondition(QMR_query_builder* builder, qmr_schema_id propertyId,
-                                 Add&& add) noexcept {
+// Null arguments are found by `check`, before anything is looked up.
+template <class Check, class Add>
+qmr_qb_cond addCheckedCondition(QMR_query_builder* builder, qmr_schema_id propertyId,
+                                Check&& check, Add&& add) noexcept {
     return addCondition(builder, [&](BuilderNode& node) {
+        check();
         QueryBuilder& engine = node.builder();
         add(engine, engine.entity().propertyById(propertyId));
     });
 }
 
 template <class Add>
+qmr_qb_cond addPropertyCondition(QMR_query_builder* builder, qmr_schema_id propertyId,
+                                 Add&& add) noexcept {
+    return addCheckedCondition(builder, propertyId, [] {}, add);
+}
+
+template <class Add>
 qmr_qb_cond addStringCondition(QMR_query_builder* builder, qmr_schema_id propertyId,
                                const char* value, Add&& add) noexcept {
-    return addPropertyCondition(builder, propertyId,
-                                [&](QueryBuilder& engine, const Property& property) {
-                                    CHECK_ARG_NOT_NULL(value);
-                                    add(engine, property);
-                                });
+    return addCheckedCondition(builder, propertyId, [&] { CHECK_ARG_NOT_NULL(value); }, add);
 }
 
 template <class Add>
 qmr_qb_cond addBytesCondition(QMR_query_builder* builder, qmr_schema_id propertyId,
                               const void* value, size_t size, Add&& add) noexcept {
-    return addPropertyCondition(builder, propertyId,
-                                [&](QueryBuilder& engine, const Property& property) {
-                                    if (size != 0) CHECK_ARG_NOT_NULL(value);
-                                    add(engine, property, value ? value : "");
-                                });
+    return addCheckedCondition(
+        builder, propertyId,
+        [&] {
+            if (size != 0) CHECK_ARG_NOT_NULL(value);
+        },
+        [&](QueryBuilder& engine, const Property& property) {
+            add(engine, property, value ? value : "");
+        });
 }
 
 template <class Value>
 qmr_qb_cond addInSet(QMR_query_builder* builder, qmr_schema_id propertyId, const Value values[],
                      size_t count, bool negate) noexcept {
-    return addPropertyCondition(builder, propertyId,
-                                [&](QueryBuilder& engine, const Property& property) {
-                                    CHECK_ARG_NOT_NULL(values);
-                                    engine.in(property, copyValues(values, count), negate);
-                                });
+    return addCheckedCondition(
+        builder, propertyId, [&] { CHECK_ARG_NOT_NULL(values); },
+        [&](QueryBuilder& engine, const Property& property) {
+            engine.in(property, copyValues(values, count), negate);
+        });
 }
 
 QueryCondition* conditionById(const QueryBuilder& builder, qmr_qb_cond id, size_t index) {
@@ -242,7 +251,9 @@ qmr_err qmr_qb_close(QMR_query_builder* builder) {
 qmr_schema_id qmr_qb_type_id(QMR_query_builder* builder) {
     return numberCall([&] {
         CHECK_ARG_NOT_NULL(builder);
-        builder->node->store.get();
+        const StoreRef& store = builder->node->store;
+        const RunningQuery running(store.activity());
+        store.get();
         return builder->node->entity.id();
     });
 }
@@ -478,19 +489,24 @@ qmr_qb_cond qmr_qb_contains_element_string(QMR_query_builder* builder, qmr_schem
 qmr_qb_cond qmr_qb_contains_key_value_string(QMR_query_builder* builder, qmr_schema_id property_id,
                                              const char* key, const char* value,
                                              bool case_sensitive) {
-    return addPropertyCondition(builder, property_id, [&](auto& engine, const auto& property) {
-        CHECK_ARG_NOT_NULL(key);
-        CHECK_ARG_NOT_NULL(value);
-        engine.containsKeyValue(property, key, value, case_sensitive);
-    });
+    return addCheckedCondition(
+        builder, property_id,
+        [&] {
+            CHECK_ARG_NOT_NULL(key);
+            CHECK_ARG_NOT_NULL(value);
+        },
+        [&](auto& engine, const auto& property) {
+            engine.containsKeyValue(property, key, value, case_sensitive);
+        });
 }
 
 qmr_qb_cond qmr_qb_in_strings(QMR_query_builder* builder, qmr_schema_id property_id,
                               const char* const values[], size_t count, bool case_sensitive) {
-    return addPropertyCondition(builder, property_id, [&](auto& engine, const auto& property) {
-        CHECK_ARG_NOT_NULL(values);
-        engine.in(property, viewStrings(values, count), case_sensitive);
-    });
+    return addCheckedCondition(
+        builder, property_id, [&] { CHECK_ARG_NOT_NULL(values); },
+        [&](auto& engine, const auto& property) {
+            engine.in(property, viewStrings(values, count), case_sensitive);
+        });
 }
 
 qmr_qb_cond qmr_qb_equals_bytes(QMR_query_builder* builder, qmr_schema_id property_id,

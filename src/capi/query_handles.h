@@ -15,16 +15,21 @@
 #include "query/query.h"
 #include "quillmere/quillmere.h"
 #include "store/object_store.h"
+#include "store/store_activity.h"
 
 namespace quillmere {
 
 // The store of a handle that does not keep it open: closing a store waits for running queries, and
-// must not be put off by handles that are merely there.
+// must not be put off by handles that are merely there. Whoever uses the store, or the schema,
+// which goes with it, counts as a running query for that time, from before get() on: a store that
+// starts to close sees the user, or get() fails.
 class StoreRef {
 public:
     explicit StoreRef(const QMR_store& record)
-        : store_(record.store), shared_(record.shared), borrowed_(!record.shared) {}
+        : store_(record.store), shared_(record.shared),
+          activity_(record.store->sharedActivity()), borrowed_(!record.shared) {}
 
+    StoreActivity& activity() const { return *activity_; }
     // Throws StoreClosedException once the last owner of the store has gone.
     ObjectStore& get() const {
         if (!borrowed_ && shared_.expired()) {
@@ -36,14 +41,28 @@ public:
 private:
     ObjectStore* store_;
     std::weak_ptr<ObjectStore> shared_;
+    std::shared_ptr<StoreActivity> activity_;
     bool borrowed_;
 };
 
-// To be asked before anything that looks into the schema, which goes with the store.
-inline ObjectStore& usableStore(const Query& query, const StoreRef& store) {
-    query.checkUsable();
-    return store.get();
-}
+// The store and the schema of a query, to be used for as long as this lives.
+class QueryStore {
+public:
+    // Throws if the entity or the store has gone.
+    QueryStore(const Query& query, const StoreRef& store)
+        : running_(store.activity()), store_(usable(query, store)) {}
+
+    ObjectStore& get() const { return store_; }
+
+private:
+    static ObjectStore& usable(const Query& query, const StoreRef& store) {
+        query.checkUsable();
+        return store.get();
+    }
+
+    RunningQuery running_;
+    ObjectStore& store_;
+};
 
 }  // namespace quillmere
 

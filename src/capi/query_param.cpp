@@ -28,9 +28,7 @@ void checkAddress(const QMR_query* query, Alias alias) {
     CHECK_ARG_NOT_NULL(alias);
 }
 
-QueryConditionWithProperty& findCondition(QMR_query& handle, PropertyAddress address) {
-    Query& query = *handle.query;
-    usableStore(query, handle.store);
+QueryConditionWithProperty& findCondition(Query& query, PropertyAddress address) {
     if (address.entityId == 0) {
         if (query.hasLinks()) {
             throwIllegalArgument("Can't use automatic entity_id - the query has links. "
@@ -41,17 +39,30 @@ QueryConditionWithProperty& findCondition(QMR_query& handle, PropertyAddress add
     return query.findCondition(address.entityId, address.propertyId);
 }
 
-QueryConditionWithProperty& findCondition(QMR_query& handle, Alias alias) {
-    usableStore(*handle.query, handle.store);
-    return handle.query->findCondition(alias);
+QueryConditionWithProperty& findCondition(Query& query, Alias alias) {
+    return query.findCondition(alias);
 }
+
+// A condition of a query, and its schema for as long as this lives.
+class FoundCondition {
+public:
+    template <class Address>
+    FoundCondition(QMR_query& handle, Address address)
+        : store_(*handle.query, handle.store), condition_(findCondition(*handle.query, address)) {}
+
+    QueryConditionWithProperty& get() const { return condition_; }
+
+private:
+    QueryStore store_;
+    QueryConditionWithProperty& condition_;
+};
 
 template <class Address>
 qmr_err setString(QMR_query* query, Address address, const char* value) {
     return statusCall([&] {
         checkAddress(query, address);
         CHECK_ARG_NOT_NULL(value);
-        setStringParam(findCondition(*query, address), value);
+        setStringParam(FoundCondition(*query, address).get(), value);
     });
 }
 
@@ -61,7 +72,7 @@ qmr_err setTwoStrings(QMR_query* query, Address address, const char* value, cons
         checkAddress(query, address);
         CHECK_ARG_NOT_NULL(value);
         CHECK_ARG_NOT_NULL(value2);
-        setTwoStringsParam(findCondition(*query, address), value, value2);
+        setTwoStringsParam(FoundCondition(*query, address).get(), value, value2);
     });
 }
 
@@ -70,7 +81,7 @@ qmr_err setStrings(QMR_query* query, Address address, const char* const values[]
     return statusCall([&] {
         checkAddress(query, address);
         CHECK_ARG_NOT_NULL(values);
-        setStringsParam(findCondition(*query, address), viewStrings(values, count));
+        setStringsParam(FoundCondition(*query, address).get(), viewStrings(values, count));
     });
 }
 
@@ -79,7 +90,7 @@ qmr_err setIntegers(QMR_query* query, Address address, const Integer values[], s
     return statusCall([&] {
         checkAddress(query, address);
         CHECK_ARG_NOT_NULL(values);
-        setIntegersParam(findCondition(*query, address), copyValues(values, count));
+        setIntegersParam(FoundCondition(*query, address).get(), copyValues(values, count));
     });
 }
 
@@ -87,7 +98,7 @@ template <class Address, class Number>
 qmr_err setNumber(QMR_query* query, Address address, Number value) {
     return statusCall([&] {
         checkAddress(query, address);
-        setNumberParam(findCondition(*query, address), value);
+        setNumberParam(FoundCondition(*query, address).get(), value);
     });
 }
 
@@ -95,7 +106,7 @@ template <class Address, class Number>
 qmr_err setTwoNumbers(QMR_query* query, Address address, Number a, Number b) {
     return statusCall([&] {
         checkAddress(query, address);
-        setTwoNumbersParam(findCondition(*query, address), a, b);
+        setTwoNumbersParam(FoundCondition(*query, address).get(), a, b);
     });
 }
 
@@ -104,7 +115,7 @@ qmr_err setBytes(QMR_query* query, Address address, const void* value, size_t si
     return statusCall([&] {
         checkAddress(query, address);
         CHECK_ARG_NOT_NULL(value);
-        setBytesParam(findCondition(*query, address), value, size);
+        setBytesParam(FoundCondition(*query, address).get(), value, size);
     });
 }
 
@@ -112,7 +123,7 @@ template <class Address>
 size_t typeSize(QMR_query* query, Address address) {
     return numberCall([&] {
         checkAddress(query, address);
-        return paramSize(findCondition(*query, address));
+        return paramSize(FoundCondition(*query, address).get());
     });
 }
 

@@ -20,7 +20,8 @@ namespace {
 // What the work makes of a cursor of the query's entity, in a read transaction.
 template <class Work>
 auto readValues(const QMR_query_prop* prop, Work&& work) {
-    ThreadTx tx(usableStore(*prop->query, prop->store), TxMode::Read, &prop->query->entity());
+    ThreadTx tx(QueryStore(*prop->query, prop->store).get(), TxMode::Read,
+                &prop->query->entity());
     return work(tx.cursor());
 }
 
@@ -52,7 +53,7 @@ Array* findValues(QMR_query_prop* prop, const Value* nullReplacement) {
 QMR_query_prop* qmr_query_prop(QMR_query* query, qmr_schema_id property_id) {
     return pointerCall([&] {
         CHECK_ARG_NOT_NULL(query);
-        usableStore(*query->query, query->store);
+        const QueryStore store(*query->query, query->store);
         return new QMR_query_prop(*query, query->query->entity().propertyById(property_id));
     });
 }
@@ -71,7 +72,7 @@ qmr_err qmr_query_prop_distinct(QMR_query_prop* prop, bool distinct) {
 qmr_err qmr_query_prop_distinct_case(QMR_query_prop* prop, bool distinct, bool case_sensitive) {
     return statusCall([&] {
         CHECK_ARG_NOT_NULL(prop);
-        usableStore(*prop->query, prop->store);
+        const QueryStore store(*prop->query, prop->store);
         requireType(prop->values.property(), PropertyType::String,
                     "Please use the regular 'distinct' instead (without case sensitivity). ");
         prop->distinct = distinct;

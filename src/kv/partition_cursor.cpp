@@ -95,12 +95,12 @@ void PartitionCursor::setPartition(uint32_t first, uint32_t last) {
 }
 
 bool PartitionCursor::first() {
-    holdKey(firstPrefixBytes_, minKeySize_);
+    askFor(firstPrefixBytes_, minKeySize_);
     return stepToFound(dbCursor_->seekOrNext(keyView_), Direction::Forward);
 }
 
 bool PartitionCursor::first(Bytes& outValue) {
-    holdKey(firstPrefixBytes_, minKeySize_);
+    askFor(firstPrefixBytes_, minKeySize_);
     return valueOf(stepToFound(dbCursor_->getOrNext(keyView_, outValue), Direction::Forward),
                    outValue);
 }
@@ -112,7 +112,11 @@ bool PartitionCursor::next() {
 bool PartitionCursor::next(Bytes& outValue) {
     const bool moved = dbCursor_->next(foundKey_, outValue);
     const Position position = moved ? locate(foundKey_) : Position::Behind;
-    if (position == Position::Before) [[unlikely]] return enterFromFront(outValue);
+    if (position == Position::Before) [[unlikely]] {
+        // A damaged tree leads back into itself.
+        if (position_ == Position::On) throw DbFileCorruptException("Corrupt DB, keys not ordered");
+        return enterFromFront(outValue);
+    }
     return valueOf(settle(position), outValue);
 }
 
@@ -130,33 +134,33 @@ bool PartitionCursor::previous(Bytes& outValue) {
 }
 
 bool PartitionCursor::seek(const void* key, size_t size) {
-    holdKey(key, size);
+    askFor(key, size);
     return stepToAsked(dbCursor_->seek(keyView_));
 }
 
 bool PartitionCursor::seekOrNext(const void* key, size_t size) {
-    holdKey(key, size);
+    askFor(key, size);
     return stepToFound(dbCursor_->seekOrNext(keyView_), Direction::Forward);
 }
 
 bool PartitionCursor::seekOrPrevious(const void* key, size_t size) {
-    holdKey(key, size);
+    askFor(key, size);
     return stepToFound(dbCursor_->seekOrPrevious(keyView_), Direction::Backward);
 }
 
 bool PartitionCursor::get(const void* key, size_t size, Bytes& outValue) {
-    holdKey(key, size);
+    askFor(key, size);
     return valueOf(stepToAsked(dbCursor_->get(keyView_, outValue)), outValue);
 }
 
 bool PartitionCursor::getOrNext(const void* key, size_t size, Bytes& outValue) {
-    holdKey(key, size);
+    askFor(key, size);
     return valueOf(stepToFound(dbCursor_->getOrNext(keyView_, outValue), Direction::Forward),
                    outValue);
 }
 
 bool PartitionCursor::getOrPrevious(const void* key, size_t size, Bytes& outValue) {
-    holdKey(key, size);
+    askFor(key, size);
     return valueOf(stepToFound(dbCursor_->getOrPrevious(keyView_, outValue), Direction::Backward),
                    outValue);
 }
@@ -176,9 +180,7 @@ void PartitionCursor::put(const Bytes& key, const Bytes& value) {
 
 void PartitionCursor::put(const void* key, size_t keySize, const void* value, size_t valueSize) {
     if (!key || keySize == 0) throwIllegalArgument("Can not put without a key");
-    holdKey(key, keySize);
-    // After a failure the cursor is on no element; a step continues from the key asked for.
-    position_ = Position::None;
+    askFor(key, keySize);
     dbCursor_->setKey(keyView_);
     if (valueSize % dataPadding_ == 0 || !value) {  // the provider refuses a null value
         dbCursor_->put(keyView_.data(), keySize, value, valueSize);
@@ -309,6 +311,12 @@ inline bool PartitionCursor::settle(Position position) {
 inline bool PartitionCursor::valueOf(bool found, Bytes& outValue) {
     if (!found) outValue.setView(nullptr, 0);
     return found;
+}
+
+// After a failure the cursor is on no element; a step continues from the key asked for.
+inline void PartitionCursor::askFor(const void* key, size_t size) {
+    position_ = Position::None;
+    holdKey(key, size);
 }
 
 inline void PartitionCursor::holdKey(const void* key, size_t size) {

@@ -103,6 +103,7 @@ private:
     bool settle(Position position);
     static bool valueOf(bool found, Bytes& outValue);
     void putPadded(const void* value, size_t size);
+    void askFor(const void* key, size_t size);
     void holdKey(const void* key, size_t size);
     void growKeyBuffer(size_t size);
     void forgetPlace();

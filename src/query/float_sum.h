@@ -20,7 +20,7 @@ public:
         return !std::isnan(total);
     }
 
-    // The compensation of an infinite sum is NaN.
+    // The compensation turns NaN in the step after the sum became infinite.
     double value() const { return std::isnan(compensation_) ? sum_ : sum_ + compensation_; }
     bool infinite() const { return std::isinf(sum_); }
 

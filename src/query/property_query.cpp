@@ -96,19 +96,6 @@ void PropertyQuery::visitStrings(Cursor& cursor, const char* nullReplacement, Vi
     });
 }
 
-// Calls `work` with a value of the type that the property's integers have in an object.
-template <class Work>
-auto PropertyQuery::withIntegerType(Work&& work) const {
-    return quillmere::withIntegerType(
-        property_, [&]<class T>(std::type_identity<T>) { return work(T{}); });
-}
-
-template <class Work>
-auto PropertyQuery::withFloatType(Work&& work) const {
-    return quillmere::withFloatType(
-        property_, [&]<class T>(std::type_identity<T>) { return work(T{}); });
-}
-
 // --- counts ---------------------------------------------------------------------------------------
 
 uint64_t PropertyQuery::count(Cursor& cursor) {
@@ -134,7 +121,7 @@ uint64_t PropertyQuery::countDistinct(Cursor& cursor, bool caseSensitive) {
         });
         return seen.size();
     }
-    const auto countScalars = [&]<class T>(T) {
+    const auto countScalars = [&]<class T>(std::type_identity<T>) {
         DistinctScalars<T> seen;
         visitValues<T>(cursor, nullptr, [&](T value) {
             seen.add(value);
@@ -142,7 +129,8 @@ uint64_t PropertyQuery::countDistinct(Cursor& cursor, bool caseSensitive) {
         });
         return seen.size();
     };
-    return hasFloats(property_) ? withFloatType(countScalars) : withIntegerType(countScalars);
+    return hasFloats(property_) ? withFloatType(property_, countScalars)
+                                : withIntegerType(property_, countScalars);
 }
 
 // --- minimum and maximum --------------------------------------------------------------------------
@@ -166,10 +154,9 @@ PropertyQuery::Result<int64_t> PropertyQuery::maxInt(Cursor& cursor) {
 }
 
 PropertyQuery::Result<int64_t> PropertyQuery::extremeInt(Cursor& cursor, Extreme extreme) {
-    return withIntegerType([&]<class T>(T) {
+    return withIntegerType(property_, [&]<class T>(std::type_identity<T>) {
         CHECK_STATE_TEXT_AT(526, hasUnsignedValues(property_) == std::is_unsigned_v<T>,
-                            "minMaxInt",
-                            "property_.isUnsigned() == std::is_unsigned<T>::value");
+                            "minMaxInt", "property_.isUnsigned() == std::is_unsigned<T>::value");
         if (!query_.hasConditions() && !query_.hasLookups() && property_.isIndexed()) {
             if (const auto indexed = getIndexedScalarMinMax<T>(cursor, extreme)) return *indexed;
         }
@@ -230,7 +217,7 @@ PropertyQuery::Result<double> PropertyQuery::maxDouble(Cursor& cursor) {
 
 PropertyQuery::Result<double> PropertyQuery::extremeDouble(Cursor& cursor, Extreme extreme) {
     constexpr double kInfinity = std::numeric_limits<double>::infinity();
-    return withFloatType([&]<class T>(T) {
+    return withFloatType(property_, [&]<class T>(std::type_identity<T>) {
         Result<double> result{0, extreme == Extreme::Min ? kInfinity : -kInfinity};
         visitValues<T>(cursor, nullptr, [&](double value) {
             const bool better =
@@ -248,7 +235,7 @@ PropertyQuery::Result<double> PropertyQuery::extremeDouble(Cursor& cursor, Extre
 
 // Can not overflow.
 PropertyQuery::Result<Int128> PropertyQuery::sumExactly(Cursor& cursor) {
-    return withIntegerType([&]<class T>(T) {
+    return withIntegerType(property_, [&]<class T>(std::type_identity<T>) {
         Result<Int128> sum;
         visitValues<T>(cursor, nullptr, [&](T value) {
             sum.value += value;
@@ -277,7 +264,7 @@ PropertyQuery::Result<int64_t> PropertyQuery::sumInt(Cursor& cursor) {
 
 PropertyQuery::Result<int64_t> PropertyQuery::sumUnsigned(Cursor& cursor) {
     Result<uint64_t> sum;
-    withIntegerType([&]<class T>(T) {
+    withIntegerType(property_, [&]<class T>(std::type_identity<T>) {
         visitValues<T>(cursor, nullptr, [&](T value) {
             const uint64_t before = sum.value;
             if (__builtin_add_overflow(before, static_cast<uint64_t>(value), &sum.value)) {
@@ -303,7 +290,7 @@ PropertyQuery::Result<double> PropertyQuery::sumDouble(Cursor& cursor) {
         const auto [count, sum] = sumExactly(cursor);
         return {count, toDouble(sum)};
     }
-    return withFloatType([&]<class T>(T) {
+    return withFloatType(property_, [&]<class T>(std::type_identity<T>) {
         CompensatedSum sum;
         int64_t count = 0;
         visitValues<T>(cursor, nullptr, [&](double value) {
@@ -334,7 +321,7 @@ PropertyQuery::Result<double> PropertyQuery::avgDouble(Cursor& cursor) {
     if (!hasIntegers(property_) && !hasFloats(property_)) failUnsupported("");
     start("Getting double average using query");
     if (hasFloats(property_)) {
-        return withFloatType([&]<class T>(T) {
+        return withFloatType(property_, [&]<class T>(std::type_identity<T>) {
             FloatMean mean;
             visitValues<T>(cursor, nullptr, [&](double value) { return mean.add(value); });
             return Result<double>{mean.count(), mean.value()};

@@ -68,10 +68,6 @@ private:
     void visitValues(Cursor& cursor, const T* nullReplacement, Visitor&& visitor);
     template <class Visitor>
     void visitStrings(Cursor& cursor, const char* nullReplacement, Visitor&& visitor);
-    template <class Work>
-    auto withIntegerType(Work&& work) const;
-    template <class Work>
-    auto withFloatType(Work&& work) const;
 
     Result<int64_t> extremeInt(Cursor& cursor, Extreme extreme);
     template <class T>

@@ -1,8 +1,8 @@
 #include "query/query_builder.h"
 
-#include <algorithm>
 #include <limits>
 #include <string>
+#include <unordered_set>
 #include <utility>
 
 #include "core/checks.h"
@@ -91,18 +91,17 @@ QueryCondition& QueryBuilder::addCondition(std::unique_ptr<QueryCondition> condi
 }
 
 QueryCondition& QueryBuilder::combine(QueryOp op, const std::vector<QueryCondition*>& conditions) {
-    std::vector<QueryCondition*> left = composableConditions_;
-    left.reserve(left.size() + 1);
+    std::unordered_set<const QueryCondition*> left(composableConditions_.begin(),
+                                                   composableConditions_.end());
     for (const QueryCondition* const condition : conditions) {
         CHECK_ARG_AT(74, condition);
-        const auto place = std::find(left.begin(), left.end(), condition);
-        if (place == left.end()) throwIllegalState("Condition unavailable in builder");
-        left.erase(place);
+        if (left.erase(condition) == 0) throwIllegalState("Condition unavailable in builder");
     }
     QueryCondition& combination =
         addCondition(std::make_unique<QueryConditionCombination>(op, conditions));
-    left.push_back(&combination);
-    composableConditions_ = std::move(left);
+    std::erase_if(composableConditions_, [&](const QueryCondition* condition) {
+        return condition != &combination && !left.contains(condition);
+    });
     return combination;
 }
 

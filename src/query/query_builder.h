@@ -5,10 +5,8 @@
 #include <cstdint>
 #include <memory>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
 
-#include "core/hash.h"
 #include "query/condition.h"
 
 namespace quillmere {

@@ -123,6 +123,8 @@ public:
     const KvValidationResult* validationResult() const { return validationResult_.get(); }
     DbStore& dbStore() const;
     StoreActivity& activity() const { return *activity_; }
+    // For those who count themselves in without keeping the store: it outlives the store.
+    const std::shared_ptr<StoreActivity>& sharedActivity() const { return activity_; }
 
 private:
     friend class Cursor;

@@ -18,6 +18,9 @@ constexpr uint32_t kPoints = 4;  // Long, null for Cid
 constexpr uint32_t kWeight = 5;  // Double
 constexpr uint32_t kData = 6;    // ByteVector
 constexpr uint32_t kExtra = 7;   // Flex
+constexpr uint32_t kTier = 8;    // Byte, null for Cid, as the next two
+constexpr uint32_t kVisits = 9;  // Short
+constexpr uint32_t kRating = 10; // Float
 constexpr uint32_t kFavourites = 1;  // relation of customers to products
 constexpr uint32_t kOrder = 2;
 constexpr uint32_t kCustomerId = 2;  // to-one relation of an order
@@ -30,10 +33,13 @@ protected:
     void SetUp() override {
         StoreTest::SetUp();
         openShop();
-        putCustomer(1, {{kName, "Ann"}, {kAge, 30}, {kPoints, int64_t{7}}, {kWeight, 60.5}});
-        putCustomer(2, {{kName, "bob"}, {kAge, 40}, {kPoints, int64_t{9}}, {kWeight, 80.25}});
+        putCustomer(1, {{kName, "Ann"}, {kAge, 30}, {kPoints, int64_t{7}}, {kWeight, 60.5},
+                        {kTier, int8_t{1}}, {kVisits, int16_t{300}}, {kRating, 0.5f}});
+        putCustomer(2, {{kName, "bob"}, {kAge, 40}, {kPoints, int64_t{9}}, {kWeight, 80.25},
+                        {kTier, int8_t{-2}}, {kVisits, int16_t{-1}}, {kRating, -1.5f}});
         putCustomer(3, {{kName, "Cid"}, {kAge, 50}, {kWeight, 70.0}, {kData, "\x01\x02"}});
-        putCustomer(4, {{kName, "ann"}, {kAge, 20}, {kPoints, int64_t{7}}, {kWeight, 50.0}});
+        putCustomer(4, {{kName, "ann"}, {kAge, 20}, {kPoints, int64_t{7}}, {kWeight, 50.0},
+                        {kTier, int8_t{1}}, {kVisits, int16_t{300}}, {kRating, 0.5f}});
         for (const auto& [order, customer] : {std::pair{10, 1}, {11, 1}, {12, 2}}) {
             put(kOrder, order,
                 makeObject({{1, uint64_t(order)}, {kCustomerId, uint64_t(customer)},
@@ -54,6 +60,9 @@ protected:
                                .property("weight", QMRPropertyType_Double, kWeight)
                                .property("data", QMRPropertyType_ByteVector, kData)
                                .property("extra", QMRPropertyType_Flex, kExtra)
+                               .property("tier", QMRPropertyType_Byte, kTier)
+                               .property("visits", QMRPropertyType_Short, kVisits)
+                               .property("rating", QMRPropertyType_Float, kRating)
                                .relation(kFavourites, kProduct)
                                .entity("Order", kOrder)
                                .idProperty(QMRPropertyFlags_ID_SELF_ASSIGNABLE)

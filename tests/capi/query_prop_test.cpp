@@ -135,6 +135,22 @@ TEST_F(QueryPropTest, FindsValuesWithAndWithoutAReplacementOfNull) {
     EXPECT_THAT(values(qmr_query_prop_find_doubles(prop(kWeight, 40).get(), nullptr),
                        qmr_double_array_free),
                 ElementsAre(80.25, 70));
+    const int8_t tierIfNull = 9;
+    EXPECT_THAT(values(qmr_query_prop_find_int8s(prop(kTier).get(), &tierIfNull),
+                       qmr_int8_array_free),
+                ElementsAre(1, -2, 9, 1));
+    const int16_t visitsIfNull = 9;
+    EXPECT_THAT(values(qmr_query_prop_find_int16s(prop(kVisits).get(), &visitsIfNull),
+                       qmr_int16_array_free),
+                ElementsAre(300, -1, 9, 300));
+    const float ratingIfNull = 9;
+    const PropPtr ratings = prop(kRating);
+    EXPECT_THAT(values(qmr_query_prop_find_floats(ratings.get(), &ratingIfNull),
+                       qmr_float_array_free),
+                ElementsAre(0.5f, -1.5f, 9.0f, 0.5f));
+    qmr_query_prop_distinct(ratings.get(), true);
+    EXPECT_THAT(values(qmr_query_prop_find_floats(ratings.get(), nullptr), qmr_float_array_free),
+                ElementsAre(0.5f, -1.5f));
     const PropPtr names = prop(kName);
     EXPECT_THAT(strings(names), ElementsAre("Ann", "bob", "Cid", "ann"));
     qmr_query_prop_distinct_case(names.get(), true, false);

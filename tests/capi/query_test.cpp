@@ -292,6 +292,30 @@ TEST_F(QueryRunTest, ClosingTheStoreWaitsForARunAndIsNotPutOffByHandles) {
     EXPECT_EQ(4u, count(customersFrom(0)));
 }
 
+TEST_F(QueryRunTest, CallsThatMeetAClosingStoreFail) {
+    for (int round = 0; round < 20; ++round) {
+        const QueryPtr query = customersFrom(0);
+        const BuilderPtr b = builder();
+        std::atomic<bool> started{false};
+        std::thread closer([&] {
+            while (!started) std::this_thread::yield();
+            close();
+        });
+        uint64_t number = 0;
+        while (qmr_query_count(query.get(), &number) == QMR_SUCCESS &&
+               QueryPtr(qmr_query_clone(query.get())) && qmr_qb_type_id(b.get()) != 0 &&
+               qmr_qb_null(b.get(), kAge) != 0) {
+            EXPECT_EQ(4u, number);
+            started = true;
+        }
+        const qmr_err code = qmr_last_error_code();
+        EXPECT_TRUE(code == QMR_ERROR_SHUTTING_DOWN || code == QMR_ERROR_ILLEGAL_STATE)
+            << qmr_last_error_message();
+        closer.join();
+        openShop();
+    }
+}
+
 TEST_F(QueryRunTest, ParametersReachEachKindOfConditionByPropertyAndByAlias) {
     using Add = qmr_qb_cond (*)(QMR_query_builder*);
     using Set = qmr_err (*)(QMR_query*);

@@ -68,7 +68,7 @@ TEST_F(Ordering, NullsOfFloatsStandBehindNegativeValuesAndZero) {
     put(2);
     put(3, {{kDouble, -1.0}});
     put(4, {{kDouble, 1.0}});
-    put(5, {{kDouble, INFINITY}});
+    put(5, {{kDouble, double{INFINITY}}});
     EXPECT_THAT(orderedBy(kDouble), ElementsAre(3, 1, 2, 4, 5));
     EXPECT_THAT(orderedBy(kDouble, kOrderNullsLast), ElementsAre(3, 1, 4, 2, 5));
     EXPECT_THAT(orderedBy(kDouble, kOrderNullsZero), ElementsAre(3, 1, 2, 4, 5));

@@ -16,7 +16,7 @@ using ObjectBytes = std::vector<uint8_t>;
 
 struct ObjectField {
     uint32_t propertyId;
-    std::variant<uint64_t, int64_t, int32_t, int16_t, int8_t, double, bool, std::string> value;
+    std::variant<uint64_t, int64_t, int32_t, int16_t, int8_t, float, double, bool, std::string> value;
 };
 
 // The slot of a property in the vtable of an object.

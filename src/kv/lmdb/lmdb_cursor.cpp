@@ -254,12 +254,12 @@ inline bool LmdbCursor::step() {
 }
 
 inline bool LmdbCursor::found(int result) {
+    const bool wholeUnits = (engineKey_.mv_size + engineValue_.mv_size) % kSizeUnit == 0;
+    if (result == MDB_SUCCESS && wholeUnits) [[likely]] return true;
+    onKey_ = false;  // wherever the engine stopped
     if (result == MDB_NOTFOUND) return false;
     store_.errors().check(result, "Could not get from cursor");
-    if ((engineKey_.mv_size + engineValue_.mv_size) % kSizeUnit != 0) [[unlikely]] {
-        failSizes(engineKey_, engineValue_);
-    }
-    return true;
+    failSizes(engineKey_, engineValue_);
 }
 
 inline bool LmdbCursor::standsOnKey() const {
@@ -288,10 +288,7 @@ inline bool LmdbCursor::moveTo(const Bytes& key, MDB_cursor_op operation) {
 }
 
 inline bool LmdbCursor::give(bool moved, Bytes& outKey, Bytes& outValue) {
-    if (!moved) {
-        onKey_ = false;
-        return false;
-    }
+    if (!moved) return false;
     adoptKey();
     outKey.setView(engineKey_.mv_data, engineKey_.mv_size);
     outValue.setView(engineValue_.mv_data, engineValue_.mv_size);

@@ -51,8 +51,20 @@ macro(edit_open)
               "if ((rc = qmr_settle_snapshot(txn)) || (rc = mdb_page_flush(txn, 0)) ||")
 endmacro()
 
-# A page number behind the end of a file that was cut is an error, not a bus error.
+# A page number behind the end of a file that was cut is an error, not a bus error; so is a page
+# whose offsets lead out of it.
 macro(edit_page_access)
+  lmdb_edit(2 "env->me_maxpg = env->me_mapsize / env->me_psize;" "qmr_set_max_page(env);")
+  lmdb_edit(1 "level = 0;\n\t\tp = (MDB_page *)(env->me_map + env->me_psize * pgno);"
+              "level = 0;
+		p = (MDB_page *)(env->me_map + env->me_psize * pgno);
+		if (!qmr_page_is_sound(txn, pgno, p)) {
+			txn->mt_flags |= MDB_TXN_ERROR;
+			return MDB_CORRUPTED;
+		}")
+  lmdb_edit(1 "\tmdb_page_dirty(txn, np);\n\t*mp = np;"
+              "\tqmr_pages_will_change(env, pgno, num);
+	mdb_page_dirty(txn, np);\n\t*mp = np;")
   lmdb_edit(1 "if (pgno < txn->mt_next_pgno) {"
               "if (pgno < txn->mt_next_pgno && qmr_page_in_file(env, pgno)) {")
   lmdb_edit(1 "\n\tdata->mv_data = METADATA(omp);"

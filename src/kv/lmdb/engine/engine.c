@@ -14,6 +14,8 @@
 typedef struct {
     sem_t writer;             /* one writer within the process; any thread may give it back */
     atomic_size_t file_pages; /* whole pages of the data file when last looked at */
+    _Atomic uint64_t* sound;  /* a bit for each page: checked since it was last written here */
+    size_t sound_pages;       /* the pages that have a bit */
 } QmrEnv;
 
 typedef struct MDB_meta MDB_meta;
@@ -29,6 +31,9 @@ static int qmr_page_size_valid(uint32_t page_size);
 static int qmr_writer_lock(MDB_env* env);
 static void qmr_writer_unlock(MDB_env* env);
 static int qmr_page_in_file(MDB_env* env, size_t page);
+static int qmr_page_is_sound(MDB_txn* txn, size_t number, const MDB_page* page);
+static void qmr_pages_will_change(MDB_env* env, size_t first, int count);
+static void qmr_set_max_page(MDB_env* env);
 static int qmr_check_overflow(MDB_cursor* mc, const MDB_page* first, size_t page, size_t size);
 static int qmr_corrupted(MDB_cursor* mc);
 static int qmr_no_sub_cursor(MDB_cursor* mc, const MDB_node* node);
@@ -43,10 +48,14 @@ static int qmr_check_sub_cursor(MDB_cursor* mc);
 static void qmr_env_init(QmrEnv* qmr) {
     sem_init(&qmr->writer, 0, 1);
     atomic_init(&qmr->file_pages, 0);
+    qmr->sound = NULL;
+    qmr->sound_pages = 0;
 }
 
 static void qmr_env_destroy(QmrEnv* qmr) {
     sem_destroy(&qmr->writer);
+    if (qmr->sound)
+        munmap((void*)qmr->sound, qmr->sound_pages / 8);
 }
 
 /* --- Writer lock -------------------------------------------------------------------------------
@@ -190,6 +199,73 @@ static int qmr_settle_snapshot(MDB_txn* txn) {
     return env->me_txns ? mdb_env_share_locks(env, &excl) : MDB_SUCCESS;
 }
 
+/* --- The inside of a page --------------------------------------------------------------------- */
+
+static uint16_t qmr_read_u16(const void* at) {
+    uint16_t value;
+    memcpy(&value, at, sizeof(value));
+    return value;
+}
+
+static pgno_t qmr_child(const MDB_page* page, unsigned index) {
+    MDB_node node;
+    memcpy(&node, (const char*)page + qmr_read_u16(&page->mp_ptrs[index]), NODESIZE);
+    return NODEPGNO(&node);
+}
+
+static int qmr_is_walkable(const MDB_page* page) {
+    return (page->mp_flags & (P_BRANCH | P_LEAF)) != 0;
+}
+
+/* A page number that a node refers to, of a file with so many pages. */
+static int qmr_check_reference(pgno_t owner, pgno_t page, size_t pages) {
+    if (page >= pages)
+        return MDB_PAGE_NOTFOUND;
+    return page < NUM_METAS || page == owner ? MDB_CORRUPTED : MDB_SUCCESS;
+}
+
+static int qmr_check_node(const MDB_page* page, unsigned index, size_t page_size, size_t pages) {
+    size_t offset = qmr_read_u16(&page->mp_ptrs[index]);
+    if (offset < page->mp_upper || offset + NODESIZE > page_size)
+        return MDB_CORRUPTED;
+    const char* at = (const char*)page + offset;
+    MDB_node node;
+    memcpy(&node, at, NODESIZE);
+
+    int is_branch = IS_BRANCH(page);
+    int is_big = !is_branch && (node.mn_flags & F_BIGDATA);
+    size_t data_size = is_branch ? 0 : is_big ? sizeof(pgno_t) : NODEDSZ(&node);
+    if (offset + NODESIZE + node.mn_ksize + data_size > page_size)
+        return MDB_CORRUPTED;
+
+    if (is_branch)
+        return qmr_check_reference(page->mp_pgno, NODEPGNO(&node), pages);
+    if (is_big) {
+        pgno_t first;
+        memcpy(&first, at + NODESIZE + node.mn_ksize, sizeof(first));
+        return qmr_check_reference(page->mp_pgno, first, pages);
+    }
+    return MDB_SUCCESS;
+}
+
+static int qmr_check_page_bounds(const MDB_page* page, size_t page_size) {
+    if (page->mp_upper > page_size || page->mp_lower > page->mp_upper ||
+        page->mp_lower < PAGEHDRSZ)
+        return MDB_CORRUPTED;
+    return MDB_SUCCESS;
+}
+
+/* All of a branch or leaf page; others have no nodes. */
+static int qmr_check_nodes(const MDB_page* page, size_t page_size, size_t pages) {
+    if (!qmr_is_walkable(page))
+        return MDB_SUCCESS;
+    int rc = qmr_check_page_bounds(page, page_size);
+    unsigned nodes = NUMKEYS(page);
+    for (unsigned i = 0; i < nodes && rc == MDB_SUCCESS; i++)
+        rc = qmr_check_node(page, i, page_size, pages);
+    return rc;
+}
+
 /* --- Page access ------------------------------------------------------------------------------ */
 
 static int qmr_read_file_pages(MDB_env* env, size_t* pages) {
@@ -208,6 +284,47 @@ static int qmr_page_in_file(MDB_env* env, size_t page) {
     if (page < pages)
         return 1;
     return qmr_read_file_pages(env, &pages) == MDB_SUCCESS && page < pages;
+}
+
+/* Called when the size of the map is settled. Memory is taken as pages are looked at; without it,
+ * or when the map grows later, pages are checked each time. */
+static void qmr_set_max_page(MDB_env* env) {
+    env->me_maxpg = env->me_mapsize / env->me_psize;
+    if (env->me_qmr.sound)
+        return;
+    size_t pages = (env->me_maxpg + 63) / 64 * 64;
+    void* bits = mmap(NULL, pages / 8, PROT_READ | PROT_WRITE,
+                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (bits == MAP_FAILED)
+        return;
+    env->me_qmr.sound = bits;
+    env->me_qmr.sound_pages = pages;
+}
+
+/* Whatever follows may trust the offsets and sizes of a page that came through here: a damaged file
+ * never leads outside of the page. */
+static int qmr_page_is_sound(MDB_txn* txn, size_t number, const MDB_page* page) {
+    MDB_env* env = txn->mt_env;
+    uint64_t bit = UINT64_C(1) << number % 64;
+    _Atomic uint64_t* word = number < env->me_qmr.sound_pages ? &env->me_qmr.sound[number / 64]
+                                                              : NULL;
+    if (word && (atomic_load_explicit(word, memory_order_relaxed) & bit))
+        return 1;
+    if (page->mp_pgno != number || (page->mp_flags & (P_LEAF2 | P_SUBP)) ||
+        qmr_check_nodes(page, env->me_psize, SIZE_MAX) != MDB_SUCCESS || /* children: when read */
+        (qmr_is_walkable(page) && NUMKEYS(page) == 0))
+        return 0;
+    if (word)
+        atomic_fetch_or_explicit(word, bit, memory_order_relaxed);
+    return 1;
+}
+
+/* What becomes of the pages is looked at when they are read back. */
+static void qmr_pages_will_change(MDB_env* env, size_t first, int count) {
+    QmrEnv* qmr = &env->me_qmr;
+    for (size_t page = first; page < first + count && page < qmr->sound_pages; page++)
+        atomic_fetch_and_explicit(&qmr->sound[page / 64], ~(UINT64_C(1) << page % 64),
+                                  memory_order_relaxed);
 }
 
 /* The pages of a value that starts at a page: as mdb_page_get, also for the last of them. */
@@ -267,11 +384,9 @@ static int qmr_is_placed(const MDB_cursor* mc) {
 }
 
 /* Gives a node whose value lies in its page. */
-static int qmr_give_node(const MDB_cursor* mc, const MDB_page* page, unsigned index, MDB_val* key,
-                         MDB_val* value) {
+static int qmr_give_node(const MDB_page* page, unsigned index, MDB_val* key, MDB_val* value) {
     const MDB_node* node = NODEPTR(page, index);
-    size_t end = page->mp_ptrs[index] + NODESIZE + node->mn_ksize + NODEDSZ(node);
-    if (node->mn_flags != 0 || end > mc->mc_txn->mt_env->me_psize)
+    if (node->mn_flags != 0)
         return 0;
     key->mv_size = node->mn_ksize;
     key->mv_data = NODEKEY(node);
@@ -285,7 +400,7 @@ int qmr_mdb_cursor_next(MDB_cursor* mc, MDB_val* key, MDB_val* value) {
         const MDB_page* page = mc->mc_pg[mc->mc_top];
         unsigned next = mc->mc_ki[mc->mc_top] + 1u;
         if (next < NUMKEYS(page) && (MP_FLAGS(page) & (P_LEAF | P_LEAF2)) == P_LEAF &&
-            qmr_give_node(mc, page, next, key, value)) {
+            qmr_give_node(page, next, key, value)) {
             mc->mc_ki[mc->mc_top] = next;
             return MDB_SUCCESS;
         }
@@ -374,77 +489,16 @@ static int qmr_walk_init(QmrWalk* walk, MDB_cursor* cursor) {
     return rc;
 }
 
-static uint16_t qmr_read_u16(const void* at) {
-    uint16_t value;
-    memcpy(&value, at, sizeof(value));
-    return value;
-}
-
-static pgno_t qmr_child(const MDB_page* page, unsigned index) {
-    MDB_node node;
-    memcpy(&node, (const char*)page + qmr_read_u16(&page->mp_ptrs[index]), NODESIZE);
-    return NODEPGNO(&node);
-}
-
-static int qmr_is_walkable(const MDB_page* page) {
-    return (page->mp_flags & (P_BRANCH | P_LEAF)) != 0;
-}
-
-/* A page number that a node refers to. */
-static int qmr_check_reference(const QmrWalk* walk, pgno_t owner, pgno_t page) {
-    if (page >= walk->pages)
-        return MDB_PAGE_NOTFOUND;
-    return page < NUM_METAS || page == owner ? MDB_CORRUPTED : MDB_SUCCESS;
-}
-
-static int qmr_check_node(const QmrWalk* walk, const MDB_page* page, pgno_t number,
-                          unsigned index) {
-    size_t offset = qmr_read_u16(&page->mp_ptrs[index]);
-    if (offset < page->mp_upper || offset + NODESIZE > walk->page_size)
-        return MDB_CORRUPTED;
-    const char* at = (const char*)page + offset;
-    MDB_node node;
-    memcpy(&node, at, NODESIZE);
-
-    int is_branch = IS_BRANCH(page);
-    int is_big = !is_branch && (node.mn_flags & F_BIGDATA);
-    size_t data_size = is_branch ? 0 : is_big ? sizeof(pgno_t) : NODEDSZ(&node);
-    if (offset + NODESIZE + node.mn_ksize + data_size > walk->page_size)
-        return MDB_CORRUPTED;
-
-    if (is_branch)
-        return qmr_check_reference(walk, number, NODEPGNO(&node));
-    if (is_big) {
-        pgno_t first;
-        memcpy(&first, at + NODESIZE + node.mn_ksize, sizeof(first));
-        return qmr_check_reference(walk, number, first);
-    }
-    return MDB_SUCCESS;
-}
-
-static int qmr_check_page_bounds(const QmrWalk* walk, const MDB_page* page) {
-    if (page->mp_upper > walk->page_size || page->mp_lower > page->mp_upper ||
-        page->mp_lower < PAGEHDRSZ)
-        return MDB_CORRUPTED;
-    return MDB_SUCCESS;
-}
-
 static int qmr_check_page(QmrWalk* walk, pgno_t number) {
     MDB_page* page;
     walk->out->first_failed_page = number;
     int rc = mdb_page_get(walk->cursor, number, &page, NULL);
     if (rc != MDB_SUCCESS)
         return rc;
-    if (qmr_is_walkable(page)) {
-        if ((rc = qmr_check_page_bounds(walk, page)) != MDB_SUCCESS)
-            return rc;
-        unsigned nodes = NUMKEYS(page);
-        for (unsigned i = 0; i < nodes; i++) {
-            if ((rc = qmr_check_node(walk, page, number, i)) != MDB_SUCCESS)
-                return rc;
-        }
-        walk->out->entries_checked += nodes;
-    }
+    if ((rc = qmr_check_nodes(page, walk->page_size, walk->pages)) != MDB_SUCCESS)
+        return rc;
+    if (qmr_is_walkable(page))
+        walk->out->entries_checked += NUMKEYS(page);
     /* A tree with more pages than the file has leads into itself. */
     if (++walk->out->pages_checked > walk->pages)
         return MDB_CORRUPTED;
@@ -519,7 +573,7 @@ static int qmr_visit_fill(QmrFillVisit* visit, pgno_t number, int levels) {
     if (rc != MDB_SUCCESS)
         return rc;
     if (levels == 0 || ++visit->visited > visit->walk.pages || !qmr_is_walkable(page) ||
-        qmr_check_page_bounds(&visit->walk, page) != MDB_SUCCESS)
+        qmr_check_page_bounds(page, visit->walk.page_size) != MDB_SUCCESS)
         return MDB_CORRUPTED;
 
     unsigned bucket = qmr_fill_bucket(&visit->walk, page);
