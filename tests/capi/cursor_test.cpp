@@ -1,4 +1,3 @@
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -28,30 +27,18 @@ protected:
         const ObjectBytes object = makeNote(id, text);
         return qmr_cursor_put(cursor(), id, object.data(), object.size());
     }
-    // The text of the object that `read` hands out, or the code.
-    template <class Read>
-    std::string textOf(Read&& read) {
+    // The text of the object that a read function hands out, or the code.
+    template <class Read, class... Id>
+    std::string textOf(Read read, Id... id) {
         const void* data = nullptr;
         size_t size = 0;
-        const qmr_err code = read(&data, &size);
+        const qmr_err code = read(cursor(), id..., &data, &size);
         if (code != QMR_SUCCESS) return "code " + std::to_string(code);
         EXPECT_GT(size, 0u);
         return objectText(data, kNoteText);
     }
-    std::string get(uint64_t id) {
-        return textOf(
-            [&](auto data, auto size) { return qmr_cursor_get(cursor(), id, data, size); });
-    }
-    std::string first() {
-        return textOf([&](auto data, auto size) { return qmr_cursor_first(cursor(), data, size); });
-    }
-    std::string next() {
-        return textOf([&](auto data, auto size) { return qmr_cursor_next(cursor(), data, size); });
-    }
-    std::string current() {
-        return textOf(
-            [&](auto data, auto size) { return qmr_cursor_current(cursor(), data, size); });
-    }
+    std::string get(uint64_t id) { return textOf(qmr_cursor_get, id); }
+    std::string next() { return textOf(qmr_cursor_next); }
     uint64_t count(uint64_t max = 0) {
         uint64_t count = ~uint64_t{0};
         EXPECT_EQ(QMR_SUCCESS, qmr_cursor_count_max(cursor(), max, &count));
@@ -64,33 +51,27 @@ protected:
 
 TEST_F(CursorFunctions, PutModesObeyWhatExists) {
     const ObjectBytes object = makeNote(1, "1");
-    const ObjectBytes other = makeNote(1, "other");
-    const auto insert = [&](uint64_t id) {
-        return qmr_cursor_insert(cursor(), id, object.data(), object.size());
+    const auto call = [&](auto put, uint64_t id, auto... mode) {
+        return put(cursor(), id, object.data(), object.size(), mode...);
     };
-    const auto update = [&](uint64_t id) {
-        return qmr_cursor_update(cursor(), id, other.data(), other.size());
-    };
-    EXPECT_EQ(QMR_ERROR_ID_NOT_FOUND, update(1));
+    EXPECT_EQ(QMR_ERROR_ID_NOT_FOUND, call(qmr_cursor_update, 1));
     EXPECT_TRUE(lastErrorIs(QMR_ERROR_ID_NOT_FOUND, "Update failed, given ID doesn't exist: 1"));
-    EXPECT_EQ(QMR_SUCCESS, insert(1));
-    EXPECT_EQ(QMR_ERROR_ID_ALREADY_EXISTS, insert(1));
+    EXPECT_EQ(QMR_SUCCESS, call(qmr_cursor_insert, 1));
+    EXPECT_EQ(QMR_ERROR_ID_ALREADY_EXISTS, call(qmr_cursor_insert, 1));
     EXPECT_TRUE(
         lastErrorIs(QMR_ERROR_ID_ALREADY_EXISTS, "Insert failed, given ID already exists: 1"));
+    EXPECT_EQ(QMR_SUCCESS, put(1, "other"));
+    EXPECT_EQ(QMR_SUCCESS, call(qmr_cursor_update, 1));
     EXPECT_EQ("1", get(1));
-    EXPECT_EQ(QMR_SUCCESS, update(1));
-    EXPECT_EQ("other", get(1));
 
-    EXPECT_EQ(QMR_SUCCESS, qmr_cursor_put_new(cursor(), 2, object.data(), object.size()));
+    EXPECT_EQ(QMR_SUCCESS, call(qmr_cursor_put_new, 2));
     for (int32_t mode = QMRPutMode_Put; mode <= QMRPutMode_PutIdGuaranteedToBeNew; ++mode) {
         const uint64_t id = mode == QMRPutMode_Update ? 2 : 10 + mode;
-        EXPECT_EQ(QMR_SUCCESS,
-                  qmr_cursor_put4(cursor(), id, object.data(), object.size(), mode));
+        EXPECT_EQ(QMR_SUCCESS, call(qmr_cursor_put4, id, mode));
         EXPECT_EQ("1", get(id));
     }
     for (const int32_t mode : {0, 5, -1}) {
-        EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT,
-                  qmr_cursor_put4(cursor(), 3, object.data(), object.size(), mode));
+        EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT, call(qmr_cursor_put4, 3, mode));
         EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_ARGUMENT,
                                 "Illegal put mode: " + std::to_string(mode)));
     }
@@ -133,8 +114,8 @@ TEST_F(CursorFunctions, WalkByIncreasingIdShortIdsFirst) {
     }
     const std::vector<std::string> order = {"2", "7", "4294967295", "4294967296", "4294967297"};
     std::vector<std::string> walked;
-    for (std::string text = first(); text.rfind("code", 0) != 0; text = next()) {
-        EXPECT_EQ(text, current());
+    for (std::string text = textOf(qmr_cursor_first); text.rfind("code", 0) != 0; text = next()) {
+        EXPECT_EQ(text, textOf(qmr_cursor_current));
         walked.push_back(text);
     }
     EXPECT_EQ(order, walked);
@@ -200,6 +181,9 @@ TEST_F(CursorFunctions, CountAndRemove) {
     EXPECT_TRUE(empty);
     for (uint64_t id = 1; id <= 10; ++id) put(id, "x");
     put(kLongId, "long");
+    const CursorPtr tags(qmr_cursor(txn_.get(), kTag));
+    EXPECT_EQ(QMR_SUCCESS, qmr_cursor_is_empty(tags.get(), &empty));
+    EXPECT_TRUE(empty) << "another entity";
     EXPECT_EQ(11u, count());
     EXPECT_EQ(3u, count(3));
     EXPECT_EQ(11u, count(100));
@@ -217,36 +201,27 @@ TEST_F(CursorFunctions, CountAndRemove) {
     EXPECT_EQ(0u, all->count);
 }
 
-TEST_F(CursorFunctions, EntitiesAreSeparate) {
-    put(1, "note");
-    const CursorPtr tags(qmr_cursor(txn_.get(), kTag));
-    bool empty = false;
-    EXPECT_EQ(QMR_SUCCESS, qmr_cursor_is_empty(tags.get(), &empty));
-    EXPECT_TRUE(empty);
-    EXPECT_EQ(nullptr, qmr_cursor(txn_.get(), 99));
-    EXPECT_NE(QMR_SUCCESS, qmr_last_error_code());
-}
-
 TEST_F(CursorFunctions, IllegalIdsAreRefusedEverywhere) {
     const ObjectBytes object = makeNote(1, "x");
     const void* data = nullptr;
     size_t size = 0;
     for (const uint64_t id : {uint64_t{0}, ~uint64_t{0}}) {
-        const std::string text = "Illegal ID value: " + std::to_string(id);
-        EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT, put(id, "x"));
-        EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_ARGUMENT, text));
-        EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT,
-                  qmr_cursor_put_new(cursor(), id, object.data(), object.size()));
-        EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT,
-                  qmr_cursor_insert(cursor(), id, object.data(), object.size()));
-        EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT,
-                  qmr_cursor_update(cursor(), id, object.data(), object.size()));
-        EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT, qmr_cursor_get(cursor(), id, &data, &size));
-        EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT, qmr_cursor_seek(cursor(), id));
-        EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT, qmr_cursor_remove(cursor(), id));
-        EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_ARGUMENT, text));
+        const auto expectRefused = [&](auto call, auto... arguments) {
+            EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT, call(cursor(), id, arguments...));
+            EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_ARGUMENT,
+                                    "Illegal ID value: " + std::to_string(id)));
+        };
+        for (const auto put :
+             {qmr_cursor_put, qmr_cursor_put_new, qmr_cursor_insert, qmr_cursor_update}) {
+            expectRefused(put, object.data(), object.size());
+        }
+        expectRefused(qmr_cursor_get, &data, &size);
+        expectRefused(qmr_cursor_seek);
+        expectRefused(qmr_cursor_remove);
     }
     EXPECT_EQ(0u, count());
+    EXPECT_EQ(nullptr, qmr_cursor(txn_.get(), 99));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_SCHEMA, "Entity type ID not found in schema: 99"));
 }
 
 TEST_F(CursorFunctions, BadObjectsAreRefused) {
@@ -291,13 +266,16 @@ TEST_F(CursorFunctions, CursorsMayCloseAfterTheirTransaction) {
 }
 
 TEST_F(CursorFunctions, TimeSeriesAreNotInThisBuild) {
-    const char* const text = "Feature 'TimeSeries' is not available in this edition.";
-    EXPECT_EQ(QMR_ERROR_FEATURE_NOT_AVAILABLE,
-              qmr_cursor_ts_min_max(cursor(), nullptr, nullptr, nullptr, nullptr));
-    EXPECT_TRUE(lastErrorIs(QMR_ERROR_FEATURE_NOT_AVAILABLE, text));
-    EXPECT_EQ(QMR_ERROR_FEATURE_NOT_AVAILABLE,
-              qmr_cursor_ts_min_max_range(cursor(), 0, 1, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_TRUE(lastErrorIs(QMR_ERROR_FEATURE_NOT_AVAILABLE, text));
+    const auto expectMissing = [](auto minMax, auto... handleAndRange) {
+        EXPECT_EQ(QMR_ERROR_FEATURE_NOT_AVAILABLE,
+                  minMax(handleAndRange..., nullptr, nullptr, nullptr, nullptr));
+        EXPECT_TRUE(lastErrorIs(QMR_ERROR_FEATURE_NOT_AVAILABLE,
+                                "Feature 'TimeSeries' is not available in this edition."));
+    };
+    expectMissing(qmr_cursor_ts_min_max, cursor());
+    expectMissing(qmr_cursor_ts_min_max_range, cursor(), 0, 1);
+    expectMissing(qmr_kist_ts_min_max, notes());
+    expectMissing(qmr_kist_ts_min_max_range, notes(), 0, 1);
 }
 
 }  // namespace

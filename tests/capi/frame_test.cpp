@@ -1,20 +1,21 @@
 #include <gtest/gtest.h>
 
 #include <exception>
-#include <functional>
 #include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include "capi/guard.h"
 #include "capi/options.h"
 #include "capi/results.h"
+#include "capi/store_fixture.h"
 #include "core/error.h"
 #include "core/thread_record.h"
-#include "quillmere/quillmere.h"
 
 namespace quillmere {
 namespace {
@@ -90,61 +91,58 @@ std::exception_ptr made(E exception) {
     return std::make_exception_ptr(std::move(exception));
 }
 
+template <class... E>
+void expectCode(qmr_err code, qmr_err secondary = 0) {
+    const auto expectOne = [&]<class One>(const One* /*type*/) {
+        if constexpr (std::is_constructible_v<One, const char*, int>) {
+            EXPECT_EQ(handleException(made(One("m", 5))), code);
+        } else {
+            EXPECT_EQ(handleException(made(One("m"))), code);
+        }
+        expectError(code, "m");
+        EXPECT_EQ(qmr_last_error_secondary(), secondary) << code;
+    };
+    (expectOne(static_cast<const E*>(nullptr)), ...);
+}
+
 // Every class has its own place before its base; each wrong order gives some class another code.
 TEST_F(Guard, GivesEachClassItsCode) {
-    struct Case {
-        std::exception_ptr exception;
-        qmr_err code;
-        qmr_err secondary;
-    };
-    const Case cases[] = {
-        {made(Exception("m")), 10098, 0},
-        {made(IllegalStateException("m")), 10001, 0},
-        {made(ShuttingDownException("m")), 10006, 0},
-        {made(StoreClosedException("m")), 10006, 0},
-        {made(IllegalArgumentException("m")), 10002, 0},
-        {made(ArgumentNullException("m")), 10002, 0},
-        {made(PropertyTypeMismatchException("m")), 10203, 0},
-        {made(AllocationException("m")), 10003, 0},
-        {made(NumericOverflowException("m")), 10004, 0},
-        {made(FeatureNotAvailableException("m")), 10005, 0},
-        {made(IoException("m")), 10007, 0},
-        {made(BackupFileInvalidException("m")), 10008, 0},
-        {made(ParsingException("m")), 10098, 0},
-        {made(DbException("m")), 10198, 0},
-        {made(StorageException("m", 5)), 10199, 5},
-        {made(OpenDbException("m", 5)), 10199, 5},
-        {made(BadTxException("m", 5)), 10199, 5},
-        {made(DbShutdownException("m", 5)), 10103, 5},
-        {made(DbMaxReadersExceededException("m", 5)), 10102, 5},
-        {made(DbFileCorruptException("m", 5)), 10502, 0},
-        {made(DbPagesCorruptException("m", 5)), 10503, 0},
-        {made(DbFullException("m")), 10101, 0},
-        {made(DbMaxDataSizeExceededException("m")), 10104, 0},
-        {made(SchemaException("m")), 10501, 0},
-        {made(ConstraintViolationException("m")), 10299, 0},
-        {made(UniqueViolationException("m")), 10201, 0},
-        {made(NonUniqueResultException("m")), 10202, 0},
-        {made(IdAlreadyExistsException("m")), 10210, 0},
-        {made(IdNotFoundException("m")), 10211, 0},
-        {made(TimeSeriesException("m")), 10212, 0},
-        {made(tree::TreeException("m")), 10699, 0},
-        {made(tree::TreeSchemaException("m")), 10601, 0},
-        {made(tree::TreeValueTypeMismatchException("m")), 10602, 0},
-        {made(tree::TreePathNonUniqueException("m")), 10603, 0},
-        {made(tree::TreePathIllegalException("m")), 10604, 0},
-        {made(std::invalid_argument("m")), 10301, 0},
-        {made(std::out_of_range("m")), 10302, 0},
-        {made(std::length_error("m")), 10303, 0},
-        {made(std::range_error("m")), 10305, 0},
-        {made(std::overflow_error("m")), 10306, 0},
-        {made(std::runtime_error("m")), 10399, 0},
-    };
-    for (const Case& c : cases) {
-        EXPECT_EQ(handleException(c.exception), c.code);
-        expectError(c.code, "m");
-        EXPECT_EQ(qmr_last_error_secondary(), c.secondary) << c.code;
-    }
+    expectCode<Exception, ParsingException>(10098);
+    expectCode<IllegalStateException>(10001);
+    expectCode<IllegalArgumentException, ArgumentNullException>(10002);
+    expectCode<AllocationException>(10003);
+    expectCode<NumericOverflowException>(10004);
+    expectCode<FeatureNotAvailableException>(10005);
+    expectCode<ShuttingDownException, StoreClosedException>(10006);
+    expectCode<IoException>(10007);
+    expectCode<BackupFileInvalidException>(10008);
+    expectCode<DbFullException>(10101);
+    expectCode<DbMaxReadersExceededException>(10102, 5);
+    expectCode<DbShutdownException>(10103, 5);
+    expectCode<DbMaxDataSizeExceededException>(10104);
+    expectCode<DbException>(10198);
+    expectCode<StorageException, OpenDbException, BadTxException>(10199, 5);
+    expectCode<UniqueViolationException>(10201);
+    expectCode<NonUniqueResultException>(10202);
+    expectCode<PropertyTypeMismatchException>(10203);
+    expectCode<IdAlreadyExistsException>(10210);
+    expectCode<IdNotFoundException>(10211);
+    expectCode<TimeSeriesException>(10212);
+    expectCode<ConstraintViolationException>(10299);
+    expectCode<std::invalid_argument>(10301);
+    expectCode<std::out_of_range>(10302);
+    expectCode<std::length_error>(10303);
+    expectCode<std::range_error>(10305);
+    expectCode<std::overflow_error>(10306);
+    expectCode<std::runtime_error>(10399);
+    expectCode<SchemaException>(10501);
+    expectCode<DbFileCorruptException>(10502);
+    expectCode<DbPagesCorruptException>(10503);
+    expectCode<tree::TreeSchemaException>(10601);
+    expectCode<tree::TreeValueTypeMismatchException>(10602);
+    expectCode<tree::TreePathNonUniqueException>(10603);
+    expectCode<tree::TreePathIllegalException>(10604);
+    expectCode<tree::TreeException>(10699);
     EXPECT_EQ(handleException(made(std::bad_alloc())), 10304);
     EXPECT_EQ(handleException(made(5)), 10099);
     expectError(10099, "Unknown error");
@@ -202,16 +200,11 @@ TEST(Version, ComparesWithTheLibrary) {
 }
 
 TEST_F(Features, ZeroIsAFailureAndUnknownOnesAreAbsent) {
-    EXPECT_FALSE(qmr_has_feature(17));
-    EXPECT_FALSE(qmr_has_feature(-1));
-    EXPECT_FALSE(qmr_has_feature(QMRFeature_Sync));
+    for (const int absent : {17, -1, int{QMRFeature_Sync}}) EXPECT_FALSE(qmr_has_feature(absent));
     EXPECT_TRUE(qmr_has_feature(QMRFeature_Lmdb));
     expectError(0, "");
     EXPECT_FALSE(qmr_has_feature(0));
     expectError(QMR_ERROR_ILLEGAL_ARGUMENT, "Illegal feature (zero)");
-}
-
-TEST_F(Features, DebugLogIsAbsentEitherWay) {
     for (const bool enabled : {true, false}) {
         qmr_last_error_clear();
         EXPECT_EQ(qmr_debug_log(enabled), QMR_ERROR_FEATURE_NOT_AVAILABLE);
@@ -233,105 +226,98 @@ TEST_F(Features, SemaphorePrefix) {
     expectErrorStarting(10002, "Argument \"prefix\" must not be null (L");
 }
 
-struct OptionsFree {
-    void operator()(QMR_store_options* opt) const { qmr_opt_free(opt); }
-};
-using OptionsHandle = std::unique_ptr<QMR_store_options, OptionsFree>;
-
-TEST_F(Options, SettersOfScalars) {
-    const OptionsHandle opt(qmr_opt());
-    const StoreOptions& o = opt->options;
-    qmr_opt_max_db_size_in_kb(opt.get(), 0);
-    qmr_opt_max_data_size_in_kb(opt.get(), 7);
-    qmr_opt_file_mode(opt.get(), 0755);
-    qmr_opt_max_readers(opt.get(), 8);
-    qmr_opt_no_reader_thread_locals(opt.get(), true);
-    qmr_opt_read_only(opt.get(), true);
-    qmr_opt_read_schema(opt.get(), false);
-    qmr_opt_use_previous_commit(opt.get(), true);
-    qmr_opt_debug_flags(opt.get(), 1);
-    qmr_opt_add_debug_flags(opt.get(), 6);
-    qmr_opt_put_padding_mode(opt.get(), 65537);
-    qmr_opt_validate_on_open_pages(opt.get(), 9, 3);
-    qmr_opt_validate_on_open_kv(opt.get());
-    qmr_opt_wal(opt.get(), 10);
-    qmr_opt_wal_max_file_size_in_kb(opt.get(), 11);
-    qmr_opt_wal_max_file_size_on_open_in_kb(opt.get(), 12);
-    qmr_opt_backup_restore(opt.get(), "file", 13);
-    EXPECT_EQ(qmr_opt_get_max_db_size_in_kb(opt.get()), 0u);
+TEST_F(Options, EachSetterSetsItsFieldsAndIgnoresANullRecord) {
+    const OptionsPtr opt(qmr_opt());
+    const auto set = [&](auto setter, auto... values) {
+        setter(opt.get(), values...);
+        setter(nullptr, values...);
+    };
+    set(qmr_opt_max_db_size_in_kb, 6);
+    set(qmr_opt_max_data_size_in_kb, 7);
+    set(qmr_opt_file_mode, 0755);
+    set(qmr_opt_max_readers, 8);
+    set(qmr_opt_no_reader_thread_locals, true);
+    set(qmr_opt_read_only, true);
+    set(qmr_opt_read_schema, false);
+    set(qmr_opt_use_previous_commit, true);
+    set(qmr_opt_debug_flags, 1);
+    set(qmr_opt_add_debug_flags, 6);
+    set(qmr_opt_put_padding_mode, 65537);
+    set(qmr_opt_validate_on_open_pages, 9, 3);
+    set(qmr_opt_validate_on_open_kv);
+    set(qmr_opt_wal, 10);
+    set(qmr_opt_wal_max_file_size_in_kb, 11);
+    set(qmr_opt_wal_max_file_size_on_open_in_kb, 12);
+    set(qmr_opt_backup_restore, "file", 13);
+    EXPECT_EQ(qmr_opt_get_max_db_size_in_kb(opt.get()), 6u);
     EXPECT_EQ(qmr_opt_get_max_data_size_in_kb(opt.get()), 7u);
     EXPECT_EQ(qmr_opt_get_debug_flags(opt.get()), 7u);
-    EXPECT_EQ(o.fileMode, 0755u);
-    EXPECT_EQ(o.maxReaders, 8u);
+    const StoreOptions& o = opt->options;
+    EXPECT_EQ(std::tuple(o.fileMode, o.maxReaders, o.putPaddingMode, o.validatePagesLimit),
+              std::tuple(0755u, 8u, 65537u, 9u));
+    EXPECT_EQ(std::tuple(o.walFlags, o.walMaxFileSizeInKb, o.walMaxFileSizeOnOpenInKb),
+              std::tuple(10u, 11u, 12u));
+    EXPECT_EQ(std::tuple(o.backupFile, o.backupRestoreFlags), std::tuple("file", 13u));
     EXPECT_TRUE(o.noReaderThreadLocals && o.readOnly && !o.readSchema && o.usePreviousCommit);
-    EXPECT_EQ(o.putPaddingMode, 65537u);
-    EXPECT_EQ(o.validatePagesLimit, 9u);
-    EXPECT_TRUE(o.validatePagesLeafLevel && o.validateKvOnOpen);
-    EXPECT_EQ(o.walFlags, 10u);
-    EXPECT_EQ(o.walMaxFileSizeInKb, 11u);
-    EXPECT_EQ(o.walMaxFileSizeOnOpenInKb, 12u);
-    EXPECT_EQ(o.backupFile, "file");
-    EXPECT_EQ(o.backupRestoreFlags, 13u);
-    EXPECT_FALSE(o.asyncSet);
-    qmr_opt_validate_on_open_pages(opt.get(), 0, 2);
+    EXPECT_TRUE(o.validatePagesLeafLevel && o.validateKvOnOpen && !o.asyncSet);
+    set(qmr_opt_validate_on_open_pages, 0, 2);
     EXPECT_FALSE(o.validatePagesLeafLevel);
     qmr_opt_backup_restore(opt.get(), nullptr, 0);
     EXPECT_EQ(o.backupFile, "");
+
+    EXPECT_EQ(qmr_opt_get_debug_flags(nullptr), 0u);
+    EXPECT_EQ(qmr_opt_get_directory(nullptr), nullptr);
+    EXPECT_EQ(qmr_opt_get_max_data_size_in_kb(nullptr), 0u);
+    EXPECT_EQ(qmr_opt_get_max_db_size_in_kb(nullptr), 0u);
+    qmr_opt_log_callback(nullptr, nullptr, nullptr);
+    expectError(0, "");
 }
 
-TEST_F(Options, AsyncSettersSetTheirFieldAndTheMark) {
-    using Check = std::function<bool(const StoreOptions&)>;
-    using Set = std::function<void(QMR_store_options*)>;
-    const std::pair<Set, Check> cases[] = {
-        {[](auto* o) { qmr_opt_async_pre_txn_delay(o, 9); },
-         [](auto& o) { return o.asyncPreDelayMicros == 9; }},
-        {[](auto* o) { qmr_opt_async_pre_txn_delay4(o, 9, 8, 7); },
-         [](auto& o) {
-             return o.asyncPreDelayMicros == 9 && o.asyncPreDelay2Micros == 8 &&
-                    o.asyncPreDelay2MinQueue == 7;
-         }},
-        {[](auto* o) { qmr_opt_async_post_txn_delay(o, 9); },
-         [](auto& o) { return o.asyncPostDelayMicros == 9; }},
-        {[](auto* o) { qmr_opt_async_post_txn_delay5(o, 9, 8, 7, true); },
-         [](auto& o) {
-             return o.asyncPostDelayMicros == 9 && o.asyncPostDelay2Micros == 8 &&
-                    o.asyncPostDelay2MinQueue == 7 && o.asyncPostDelaySubtractTime;
-         }},
-        {[](auto* o) { qmr_opt_async_max_in_tx_duration(o, 9); },
-         [](auto& o) { return o.asyncMaxInTxDurationMicros == 9; }},
-        {[](auto* o) { qmr_opt_async_max_in_tx_operations(o, 9); },
-         [](auto& o) { return o.asyncMaxInTxOperations == 9; }},
-        {[](auto* o) { qmr_opt_async_max_queue_length(o, 9); },
-         [](auto& o) { return o.asyncMaxQueueLength == 9; }},
-        {[](auto* o) { qmr_opt_async_max_tx_pool_size(o, 9); },
-         [](auto& o) { return o.asyncMaxTxPoolSize == 9 && o.asyncUseTxPool; }},
-        {[](auto* o) { qmr_opt_async_max_tx_pool_size(o, 0); },
-         [](auto& o) { return o.asyncMaxTxPoolSize == 0 && !o.asyncUseTxPool; }},
-        {[](auto* o) { qmr_opt_async_minor_refill_max_count(o, 9); },
-         [](auto& o) { return o.asyncMinorRefillMaxCount == 9; }},
-        {[](auto* o) { qmr_opt_async_minor_refill_threshold(o, 9); },
-         [](auto& o) { return o.asyncMinorRefillThreshold == 9; }},
-        {[](auto* o) { qmr_opt_async_object_bytes_max_cache_size(o, 9); },
-         [](auto& o) { return o.asyncObjectBytesMaxCacheSize == 9; }},
-        {[](auto* o) { qmr_opt_async_object_bytes_max_size_to_cache(o, 9); },
-         [](auto& o) { return o.asyncObjectBytesMaxSizeToCache == 9; }},
-        {[](auto* o) { qmr_opt_async_throttle_at_queue_length(o, 9); },
-         [](auto& o) { return o.asyncThrottleAtQueueLength == 9; }},
-        {[](auto* o) { qmr_opt_async_throttle_micros(o, 9); },
-         [](auto& o) { return o.asyncThrottleMicros == 9; }},
+TEST_F(Options, AsyncSettersSetTheirFieldsAndTheMark) {
+    const OptionsPtr opt(qmr_opt());
+    StoreOptions& o = opt->options;
+    const auto set = [&](auto setter, auto... values) {
+        o.asyncSet = false;
+        setter(opt.get(), values...);
+        EXPECT_TRUE(o.asyncSet);
+        setter(nullptr, values...);
     };
-    for (size_t i = 0; i < std::size(cases); ++i) {
-        const OptionsHandle opt(qmr_opt());
-        const auto& [set, check] = cases[i];
-        EXPECT_FALSE(check(opt->options)) << i;
-        set(opt.get());
-        EXPECT_TRUE(check(opt->options) && opt->options.asyncSet) << i;
-        set(nullptr);
+    const auto delays = [&] {
+        return std::tuple(o.asyncPreDelayMicros, o.asyncPreDelay2Micros, o.asyncPreDelay2MinQueue,
+                          o.asyncPostDelayMicros, o.asyncPostDelay2Micros,
+                          o.asyncPostDelay2MinQueue, o.asyncPostDelaySubtractTime);
+    };
+    set(qmr_opt_async_pre_txn_delay4, 11, 12, 13);
+    set(qmr_opt_async_post_txn_delay5, 14, 15, 16, true);
+    EXPECT_EQ(delays(), std::tuple(11u, 12u, 13u, 14u, 15u, 16u, true));
+    set(qmr_opt_async_pre_txn_delay, 21);
+    set(qmr_opt_async_post_txn_delay, 24);
+    EXPECT_EQ(delays(), std::tuple(21u, 12u, 13u, 24u, 15u, 16u, true));
+
+    set(qmr_opt_async_max_in_tx_duration, 31);
+    set(qmr_opt_async_max_in_tx_operations, 32);
+    set(qmr_opt_async_max_queue_length, 33);
+    set(qmr_opt_async_minor_refill_max_count, 34);
+    set(qmr_opt_async_minor_refill_threshold, 35);
+    set(qmr_opt_async_object_bytes_max_cache_size, 36);
+    set(qmr_opt_async_object_bytes_max_size_to_cache, 37);
+    set(qmr_opt_async_throttle_at_queue_length, 38);
+    set(qmr_opt_async_throttle_micros, 39);
+    EXPECT_EQ(std::tuple(o.asyncMaxInTxDurationMicros, o.asyncMaxInTxOperations,
+                         o.asyncMaxQueueLength, o.asyncMinorRefillMaxCount,
+                         o.asyncMinorRefillThreshold, o.asyncObjectBytesMaxCacheSize,
+                         o.asyncObjectBytesMaxSizeToCache, o.asyncThrottleAtQueueLength,
+                         o.asyncThrottleMicros),
+              std::tuple(31u, 32u, 33u, 34u, 35u, 36u, 37u, 38u, 39u));
+    for (const uint64_t size : {9, 0}) {
+        set(qmr_opt_async_max_tx_pool_size, size);
+        EXPECT_EQ(o.asyncMaxTxPoolSize, size);
+        EXPECT_EQ(o.asyncUseTxPool, size != 0);
     }
 }
 
 TEST_F(Options, AFailedDirectoryMarksTheRecordForGood) {
-    const OptionsHandle opt(qmr_opt());
+    const OptionsPtr opt(qmr_opt());
     EXPECT_STREQ(qmr_opt_get_directory(opt.get()), "quillmere");
     EXPECT_EQ(qmr_opt_directory(opt.get(), "there"), QMR_SUCCESS);
     EXPECT_FALSE(opt->options.hadError);
@@ -345,7 +331,7 @@ TEST_F(Options, AFailedDirectoryMarksTheRecordForGood) {
 }
 
 TEST_F(Options, ModelBytesAreCopiedOrReferredTo) {
-    const OptionsHandle opt(qmr_opt());
+    const OptionsPtr opt(qmr_opt());
     char bytes[] = "model";
     EXPECT_EQ(qmr_opt_model_bytes(opt.get(), bytes, 5), QMR_SUCCESS);
     bytes[0] = 'X';
@@ -363,7 +349,7 @@ TEST_F(Options, LogCallbackGetsItsUserDataLast) {
         int32_t level = 0;
         std::string text;
     } seen;
-    const OptionsHandle opt(qmr_opt());
+    const OptionsPtr opt(qmr_opt());
     qmr_opt_log_callback(
         opt.get(),
         [](int32_t level, const char* text, size_t length, void* userData) {
@@ -375,17 +361,6 @@ TEST_F(Options, LogCallbackGetsItsUserDataLast) {
     EXPECT_EQ(seen.text, "abc");
     qmr_opt_log_callback(opt.get(), nullptr, &seen);
     EXPECT_FALSE(opt->options.logCallback);
-}
-
-TEST_F(Options, NullRecordsAreIgnored) {
-    qmr_opt_max_db_size_in_kb(nullptr, 1);
-    qmr_opt_backup_restore(nullptr, "f", 1);
-    qmr_opt_log_callback(nullptr, nullptr, nullptr);
-    EXPECT_EQ(qmr_opt_get_debug_flags(nullptr), 0u);
-    EXPECT_EQ(qmr_opt_get_directory(nullptr), nullptr);
-    EXPECT_EQ(qmr_opt_get_max_data_size_in_kb(nullptr), 0u);
-    EXPECT_EQ(qmr_opt_get_max_db_size_in_kb(nullptr), 0u);
-    expectError(0, "");
 }
 
 TEST_F(Results, BytesArrayIsFilledByIndex) {
@@ -450,38 +425,6 @@ TEST_F(Results, LazyBytesRunTheirFunction) {
     qmr_bytes_lazy_free(lazy);
     EXPECT_EQ(owner.use_count(), 1);
     EXPECT_EQ(qmr_bytes_lazy_get(nullptr, &data, &size), QMR_ERROR_ILLEGAL_ARGUMENT);
-}
-
-TEST_F(Results, ValueArraysOwnTheirItems) {
-    QMR_string_array* strings = makeStringArray({"short", std::string(100, 'x')});
-    EXPECT_EQ(strings->count, 2u);
-    EXPECT_STREQ(strings->items[0], "short");
-    EXPECT_EQ(std::string(strings->items[1]).size(), 100u);
-    qmr_string_array_free(strings);
-    QMR_int16_array* shorts = makeValueArray<QMR_int16_array>(std::vector<int16_t>{-1, 2});
-    EXPECT_EQ(shorts->count, 2u);
-    EXPECT_EQ(shorts->items[0], -1);
-    qmr_int16_array_free(shorts);
-    QMR_double_array* doubles = makeValueArray<QMR_double_array>(std::vector<double>{0.5});
-    EXPECT_EQ(doubles->items[0], 0.5);
-    qmr_double_array_free(doubles);
-}
-
-TEST_F(Results, NullIsFreedLikeAnythingElse) {
-    qmr_bytes_free(nullptr);
-    qmr_bytes_array_free(nullptr);
-    qmr_bytes_lazy_free(nullptr);
-    qmr_id_array_free(nullptr);
-    qmr_bytes_score_array_free(nullptr);
-    qmr_id_score_array_free(nullptr);
-    qmr_string_array_free(nullptr);
-    qmr_int64_array_free(nullptr);
-    qmr_int32_array_free(nullptr);
-    qmr_int16_array_free(nullptr);
-    qmr_int8_array_free(nullptr);
-    qmr_double_array_free(nullptr);
-    qmr_float_array_free(nullptr);
-    expectError(0, "");
 }
 
 TEST_F(AbsentFeatures, ReportWhatIsMissing) {

@@ -25,6 +25,7 @@ constexpr uint32_t kFavourites = 1;  // relation of customers to products
 constexpr uint32_t kOrder = 2;
 constexpr uint32_t kCustomerId = 2;  // to-one relation of an order
 constexpr uint32_t kTotal = 3;       // Double, of an order
+constexpr uint32_t kNumber = 4;      // Long, of an order: unique, and null in all of these
 constexpr uint32_t kProduct = 3;
 
 class QueryTest : public StoreTest {
@@ -67,6 +68,8 @@ protected:
                                .idProperty(QMRPropertyFlags_ID_SELF_ASSIGNABLE)
                                .toOne("customerId", "Customer", kCustomerId, 1)
                                .property("total", QMRPropertyType_Double, kTotal)
+                               .indexed("number", QMRPropertyType_Long, kNumber, 2,
+                                        QMRPropertyFlags_UNIQUE)
                                .entity("Product", kProduct)
                                .idProperty(QMRPropertyFlags_ID_SELF_ASSIGNABLE)
                                .release());

@@ -15,28 +15,25 @@
 
 namespace quillmere {
 
-struct HandleCloser {
-    void operator()(QMR_store* store) const { qmr_store_close(store); }
-    void operator()(QMR_txn* txn) const { qmr_txn_close(txn); }
-    void operator()(QMR_cursor* cursor) const { qmr_cursor_close(cursor); }
-    void operator()(QMR_weak_store* weak) const { qmr_weak_store_free(weak); }
-    void operator()(QMR_observer* observer) const { qmr_observer_close(observer); }
-    void operator()(QMR_query_builder* builder) const { qmr_qb_close(builder); }
-    void operator()(QMR_query* query) const { qmr_query_close(query); }
-    void operator()(QMR_query_prop* prop) const { qmr_query_prop_close(prop); }
-    void operator()(QMR_bytes_array* array) const { qmr_bytes_array_free(array); }
-    void operator()(QMR_id_array* array) const { qmr_id_array_free(array); }
+template <auto kClose>
+struct Closer {
+    template <class T>
+    void operator()(T* handle) const {
+        kClose(handle);
+    }
 };
-using StorePtr = std::unique_ptr<QMR_store, HandleCloser>;
-using TxnPtr = std::unique_ptr<QMR_txn, HandleCloser>;
-using CursorPtr = std::unique_ptr<QMR_cursor, HandleCloser>;
-using WeakStorePtr = std::unique_ptr<QMR_weak_store, HandleCloser>;
-using ObserverPtr = std::unique_ptr<QMR_observer, HandleCloser>;
-using BuilderPtr = std::unique_ptr<QMR_query_builder, HandleCloser>;
-using QueryPtr = std::unique_ptr<QMR_query, HandleCloser>;
-using PropPtr = std::unique_ptr<QMR_query_prop, HandleCloser>;
-using BytesArrayPtr = std::unique_ptr<QMR_bytes_array, HandleCloser>;
-using IdArrayPtr = std::unique_ptr<QMR_id_array, HandleCloser>;
+using StorePtr = std::unique_ptr<QMR_store, Closer<qmr_store_close>>;
+using TxnPtr = std::unique_ptr<QMR_txn, Closer<qmr_txn_close>>;
+using CursorPtr = std::unique_ptr<QMR_cursor, Closer<qmr_cursor_close>>;
+using WeakStorePtr = std::unique_ptr<QMR_weak_store, Closer<qmr_weak_store_free>>;
+using ModelPtr = std::unique_ptr<QMR_model, Closer<qmr_model_free>>;
+using OptionsPtr = std::unique_ptr<QMR_store_options, Closer<qmr_opt_free>>;
+using ObserverPtr = std::unique_ptr<QMR_observer, Closer<qmr_observer_close>>;
+using BuilderPtr = std::unique_ptr<QMR_query_builder, Closer<qmr_qb_close>>;
+using QueryPtr = std::unique_ptr<QMR_query, Closer<qmr_query_close>>;
+using PropPtr = std::unique_ptr<QMR_query_prop, Closer<qmr_query_prop_close>>;
+using BytesArrayPtr = std::unique_ptr<QMR_bytes_array, Closer<qmr_bytes_array_free>>;
+using IdArrayPtr = std::unique_ptr<QMR_id_array, Closer<qmr_id_array_free>>;
 
 // Whether the thread's last error is `code` with `text` in its message. Clears it.
 inline testing::AssertionResult lastErrorIs(qmr_err code, const std::string& text) {

@@ -1,5 +1,4 @@
 #include <filesystem>
-#include <fstream>
 #include <random>
 #include <string>
 #include <vector>
@@ -13,23 +12,6 @@ namespace {
 using StoreFunctions = StoreTest;
 using OpenStoreFunctions = OpenStoreTest;
 
-TEST_F(OpenStoreFunctions, KeepObjectsAcrossReopening) {
-    const uint64_t id = putNote("first");
-    ASSERT_NE(0u, id);
-    reopen();
-    EXPECT_EQ("first", noteText(id));
-    EXPECT_EQ(id + 1, putNote("second"));
-}
-
-TEST_F(StoreFunctions, RefuseOptionsWithAnEarlierFailure) {
-    QMR_store_options* opt = options();
-    EXPECT_EQ(QMR_ERROR_ILLEGAL_ARGUMENT, qmr_opt_directory(opt, nullptr));
-    EXPECT_EQ(QMR_SUCCESS, qmr_opt_directory(opt, dir_.storePath().c_str()));
-    EXPECT_EQ(nullptr, qmr_store_open(opt));
-    EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_ARGUMENT,
-                            "An error had occurred before during setting options"));
-}
-
 TEST_F(OpenStoreFunctions, RefuseASecondOpenOfThePathAndLeaveTheStoreAlone) {
     EXPECT_EQ(nullptr, qmr_store_open(options()));
     EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_STATE,
@@ -37,58 +19,58 @@ TEST_F(OpenStoreFunctions, RefuseASecondOpenOfThePathAndLeaveTheStoreAlone) {
     EXPECT_NE(0u, putNote("still here"));
 }
 
-TEST_F(OpenStoreFunctions, AttachToAnOpenStore) {
-    bool attached = false;
-    const StorePtr same(qmr_store_attach_or_open(options(), true, &attached));
-    ASSERT_TRUE(same) << qmr_last_error_message();
-    EXPECT_TRUE(attached);
-    const StorePtr byPath(qmr_store_attach(dir_.storePath().c_str()));
-    const StorePtr byId(qmr_store_attach_id(qmr_store_id(store_.get())));
-    ASSERT_TRUE(byPath && byId);
-    EXPECT_NE(0u, qmr_store_id(store_.get()));
-    EXPECT_EQ(qmr_store_id(store_.get()), qmr_store_id(byPath.get()));
-
-    // Any one record keeps the store open.
+TEST_F(OpenStoreFunctions, AnyOneHandleKeepsTheStoreOpen) {
     const uint64_t id = putNote("shared");
+    const uint64_t storeId = qmr_store_id(store_.get());
+    EXPECT_NE(0u, storeId);
+    bool attached = false;
+    const WeakStorePtr weak(qmr_weak_store(store_.get()));
+    const WeakStorePtr weakById(qmr_weak_store_by_id(storeId));
+    ASSERT_TRUE(weak && weakById);
+    StorePtr handles[] = {
+        StorePtr(qmr_store_attach_or_open(options(), true, &attached)),
+        StorePtr(qmr_store_attach(dir_.storePath().c_str())),
+        StorePtr(qmr_store_attach_id(storeId)),
+        StorePtr(qmr_store_clone(store_.get())),
+        StorePtr(qmr_weak_store_lock(weak.get())),
+    };
+    EXPECT_TRUE(attached);
+    for (StorePtr& handle : handles) {
+        ASSERT_TRUE(handle) << qmr_last_error_message();
+        store_ = std::move(handle);  // closes the one before
+        EXPECT_EQ(storeId, qmr_store_id(store_.get()));
+        EXPECT_EQ("shared", noteText(id));
+        EXPECT_TRUE(qmr_store_is_open(dir_.storePath().c_str()));
+    }
+
     close();
-    EXPECT_TRUE(qmr_store_is_open(dir_.storePath().c_str()));
-    uint64_t count = 0;
-    EXPECT_EQ(QMR_SUCCESS, qmr_kist_count(qmr_kist(byId.get(), kNote), 0, &count));
-    EXPECT_EQ(1u, count);
-    EXPECT_EQ(1u, id);
-}
-
-TEST_F(OpenStoreFunctions, CompareOptionsBeforeAttaching) {
-    QMR_store_options* differing = options();
-    qmr_opt_read_only(differing, true);
-    bool attached = true;
-    EXPECT_EQ(nullptr, qmr_store_attach_or_open(differing, true, &attached));
-    EXPECT_TRUE(lastErrorIs(
-        QMR_ERROR_ILLEGAL_STATE,
-        "Given options do not match the existing open store at the same path: read-only"));
-    EXPECT_TRUE(attached) << "written although the call failed";
-
-    differing = options();
-    qmr_opt_read_only(differing, true);
-    const StorePtr store(qmr_store_attach_or_open(differing, false, &attached));
-    EXPECT_TRUE(store);
-}
-
-TEST_F(StoreFunctions, OpenWhatIsNotOpenWhenAttachingIsAllowed) {
-    bool attached = true;
+    EXPECT_FALSE(qmr_store_is_open(dir_.storePath().c_str()));
+    EXPECT_EQ(nullptr, qmr_store_attach(dir_.storePath().c_str()));
+    EXPECT_EQ(nullptr, qmr_store_attach_id(storeId));
+    EXPECT_EQ(nullptr, qmr_weak_store_lock(weak.get()));
+    EXPECT_EQ(nullptr, qmr_weak_store_lock(weakById.get()));
+    EXPECT_EQ(nullptr, qmr_weak_store_by_id(storeId));
+    EXPECT_TRUE(noLastError());
     store_.reset(qmr_store_attach_or_open(options(), true, &attached));
     ASSERT_TRUE(store_);
     EXPECT_FALSE(attached);
-    EXPECT_NE(0u, putNote("open"));
-    const uint64_t oldId = qmr_store_id(store_.get());
+    EXPECT_GT(qmr_store_id(store_.get()), storeId);
+    EXPECT_EQ("shared", noteText(id));
+}
 
-    close();
-    EXPECT_EQ(nullptr, qmr_store_attach(dir_.storePath().c_str()));
-    EXPECT_EQ(nullptr, qmr_store_attach_id(oldId));
-    EXPECT_FALSE(qmr_store_is_open(dir_.storePath().c_str()));
-    EXPECT_TRUE(noLastError());
-    store_.reset(qmr_store_attach_or_open(options(), true, nullptr));
-    EXPECT_GT(qmr_store_id(store_.get()), oldId);
+TEST_F(OpenStoreFunctions, CompareOptionsBeforeAttaching) {
+    for (const bool check : {true, false}) {
+        QMR_store_options* const differing = options();
+        qmr_opt_read_only(differing, true);
+        bool attached = false;
+        const StorePtr store(qmr_store_attach_or_open(differing, check, &attached));
+        EXPECT_EQ(check, !store);
+        EXPECT_EQ(!check, attached) << "left alone by a failure";
+        if (!check) continue;
+        EXPECT_TRUE(lastErrorIs(
+            QMR_ERROR_ILLEGAL_STATE,
+            "Given options do not match the existing open store at the same path: read-only"));
+    }
 }
 
 TEST_F(StoreFunctions, TakeANullDirectoryForTheDefaultOne) {
@@ -106,15 +88,6 @@ TEST_F(StoreFunctions, TakeANullDirectoryForTheDefaultOne) {
     EXPECT_GT(qmr_db_file_size(nullptr), 0u);
     std::filesystem::current_path(before);
     EXPECT_TRUE(qmr_store_is_open(dir_.path("quillmere").c_str()));
-}
-
-TEST_F(OpenStoreFunctions, ClonesShareTheStore) {
-    StorePtr clone(qmr_store_clone(store_.get()));
-    ASSERT_TRUE(clone);
-    const uint64_t id = putNote("seen by both");
-    store_.swap(clone);
-    clone.reset();
-    EXPECT_EQ("seen by both", noteText(id));
 }
 
 TEST_F(StoreFunctions, WrappedStoresAreOnlyBorrowed) {
@@ -139,23 +112,6 @@ TEST_F(StoreFunctions, WrappedStoresAreOnlyBorrowed) {
     owned->prepareToClose();
     EXPECT_EQ(nullptr, qmr_store_wrap(owned.get()));
     EXPECT_TRUE(lastErrorIs(QMR_ERROR_ILLEGAL_ARGUMENT, "Store is not open"));
-}
-
-TEST_F(OpenStoreFunctions, WeakStoresDoNotKeepTheStoreOpen) {
-    const uint64_t id = qmr_store_id(store_.get());
-    const WeakStorePtr weak(qmr_weak_store(store_.get()));
-    const WeakStorePtr weakById(qmr_weak_store_by_id(id));
-    ASSERT_TRUE(weak && weakById);
-    StorePtr locked(qmr_weak_store_lock(weak.get()));
-    close();
-    ASSERT_TRUE(locked);
-    EXPECT_EQ(id, qmr_store_id(locked.get()));
-
-    locked.reset();
-    EXPECT_EQ(nullptr, qmr_weak_store_lock(weak.get()));
-    EXPECT_EQ(nullptr, qmr_weak_store_lock(weakById.get()));
-    EXPECT_EQ(nullptr, qmr_weak_store_by_id(id));
-    EXPECT_TRUE(noLastError());
 }
 
 TEST_F(OpenStoreFunctions, AClosingStoreFinishesWhatRunsAndRefusesTheRest) {
@@ -227,8 +183,11 @@ TEST_F(OpenStoreFunctions, TellTypeAndSizes) {
     }
     EXPECT_EQ(0u, qmr_db_file_size(dir_.storePath("none").c_str()));
     EXPECT_EQ(QMR_SUCCESS, qmr_store_debug_flags(store_.get(), 0));
-    EXPECT_FALSE(qmr_store_opened_with_previous_commit(store_.get()));
     EXPECT_TRUE(noLastError());
+    EXPECT_EQ(QMR_ERROR_FEATURE_NOT_AVAILABLE,
+              qmr_store_back_up_to_file(store_.get(), dir_.path("backup").c_str(), 0));
+    EXPECT_TRUE(lastErrorIs(QMR_ERROR_FEATURE_NOT_AVAILABLE,
+                            "Feature 'Backup' is not available in this edition."));
 }
 
 TEST_F(StoreFunctions, RegisterADefaultType) {
@@ -255,15 +214,6 @@ TEST_F(OpenStoreFunctions, ReadOnlyStoresRefuseWrites) {
     EXPECT_EQ(1u, noteCount());
 }
 
-TEST_F(StoreFunctions, ReadOnlyStoresNeedADatabase) {
-    if (!TempDir::onFiles()) GTEST_SKIP() << "a name in memory is as good as its empty data";
-    QMR_store_options* opt = options(false);
-    qmr_opt_read_only(opt, true);
-    EXPECT_EQ(nullptr, qmr_store_open(opt));
-    EXPECT_NE(QMR_SUCCESS, qmr_last_error_code());
-    EXPECT_STRNE("", qmr_last_error_message());
-}
-
 TEST_F(OpenStoreFunctions, ThePreviousCommitComesBack) {
     if (!TempDir::onLmdb()) GTEST_SKIP() << "the data in memory has no previous commit";
     const uint64_t first = putNote("first");
@@ -283,25 +233,7 @@ TEST_F(OpenStoreFunctions, ThePreviousCommitComesBack) {
     EXPECT_EQ("instead", noteText(second));
 }
 
-TEST_F(OpenStoreFunctions, BackupIsNotInThisBuild) {
-    EXPECT_EQ(QMR_ERROR_FEATURE_NOT_AVAILABLE,
-              qmr_store_back_up_to_file(store_.get(), dir_.path("backup").c_str(), 0));
-    EXPECT_TRUE(lastErrorIs(QMR_ERROR_FEATURE_NOT_AVAILABLE,
-                            "Feature 'Backup' is not available in this edition."));
-    EXPECT_FALSE(std::filesystem::exists(dir_.path("backup")));
-}
-
-TEST_F(OpenStoreFunctions, RemoveDatabaseFiles) {
-    putNote("gone");
-    close();
-    EXPECT_EQ(QMR_SUCCESS, qmr_remove_db_files(dir_.storePath().c_str()));
-    EXPECT_TRUE(std::filesystem::is_empty(dir_.path()));
-    EXPECT_EQ(QMR_SUCCESS, qmr_remove_db_files(dir_.storePath().c_str())) << "nothing left to remove";
-    open();
-    EXPECT_EQ(0u, noteCount());
-}
-
-TEST_F(OpenStoreFunctions, RemovingTheFilesOfAnOpenStoreFreesThePath) {
+TEST_F(OpenStoreFunctions, RemovingTheFilesFreesThePathAlsoOfAnOpenStore) {
     putNote("of the old store");
     EXPECT_EQ(QMR_SUCCESS, qmr_remove_db_files(dir_.storePath().c_str()));
     EXPECT_FALSE(qmr_store_is_open(dir_.storePath().c_str()));
@@ -311,6 +243,12 @@ TEST_F(OpenStoreFunctions, RemovingTheFilesOfAnOpenStoreFreesThePath) {
     uint64_t oldCount = 0;
     EXPECT_EQ(QMR_SUCCESS, qmr_kist_count(qmr_kist(old.get(), kNote), 0, &oldCount));
     EXPECT_EQ(1u, oldCount);
+    old.reset();
+    close();
+    for (int i = 0; i < 2; ++i) {  // the second time nothing is left to remove
+        EXPECT_EQ(QMR_SUCCESS, qmr_remove_db_files(dir_.storePath().c_str()));
+        EXPECT_TRUE(std::filesystem::is_empty(dir_.path()));
+    }
 }
 
 TEST_F(StoreFunctions, TheDataSizeIsLimited) {

@@ -8,7 +8,7 @@
 
 #include "core/error.h"
 #include "support/temp_dir.h"
-#include "thrown.h"
+#include "support/expect_throw.h"
 
 namespace quillmere {
 namespace {
@@ -47,7 +47,7 @@ TEST(Files, PrepareDirectoryCreatesWithTheModeAndAcceptsAnExistingOne) {
     EXPECT_EQ(pathType(path, nullptr, &mode), PathType::Directory);
     EXPECT_EQ(mode, 0750u);
     EXPECT_NO_THROW(prepareDirectory(path, 0700));
-    EXPECT_EQ(thrown<IoException>([&] { prepareDirectory(path + "/a/b", 0750); }),
+    EXPECT_EQ(messageOf<IoException>([&] { prepareDirectory(path + "/a/b", 0750); }),
               "Could not prepare directory: " + path + "/a/b (errno " + std::to_string(ENOENT) +
                   ": No such file or directory)");
 }
@@ -79,9 +79,9 @@ TEST(Files, TruncateAndSyncSeeWhatTheStreamStillBuffers) {
     EXPECT_EQ(size, 12u);
 
     const File readOnly = openFile(path, "r");
-    EXPECT_EQ(thrown<IoException>([&] { truncateFile(readOnly.get(), 1); }).substr(0, 28),
+    EXPECT_EQ(messageOf<IoException>([&] { truncateFile(readOnly.get(), 1); }).substr(0, 28),
               "Cannot truncate file (errno ");
-    EXPECT_EQ(thrown<IoException>([] { truncateFile(nullptr, 1); }), "invalid file description");
+    EXPECT_EQ(messageOf<IoException>([] { truncateFile(nullptr, 1); }), "invalid file description");
     EXPECT_FALSE(syncFile(openFile("/dev/full", "w").get())) << "no file to sync";
 }
 

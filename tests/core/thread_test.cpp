@@ -11,7 +11,7 @@
 #include "core/error.h"
 #include "core/log.h"
 #include "core/thread_self_test.h"
-#include "thrown.h"
+#include "support/expect_throw.h"
 
 namespace quillmere {
 namespace {
@@ -44,13 +44,13 @@ TEST(Thread, GoesThroughItsStatesOnce) {
         self.awaitStopRequest(60'000);
     });
     EXPECT_EQ(thread.state(), Thread::State::Created);
-    EXPECT_EQ(thrown<IllegalStateException>([&] { thread.awaitFinish(0); }),
+    EXPECT_EQ(messageOf<IllegalStateException>([&] { thread.awaitFinish(0); }),
               "Thread was not yet started");
     EXPECT_FALSE(thread.join());
     thread.start();
     EXPECT_EQ(thread.state(), Thread::State::Running);
     EXPECT_NE(thread.threadNumber(), threadNumber());
-    EXPECT_EQ(thrown<IllegalStateException>([&] { thread.start(); }),
+    EXPECT_EQ(messageOf<IllegalStateException>([&] { thread.start(); }),
               "State condition failed in startInternal:99: state_ == State::Created");
     EXPECT_FALSE(thread.awaitFinish(1));
     EXPECT_FALSE(thread.join(1, false, true)) << "gives up";
@@ -83,7 +83,7 @@ TEST(Thread, KeepsAndLogsAnUncaughtException) {
     EXPECT_TRUE(has(log, "[ERROR] [Thread] Uncaught exception in thread \"Thrower\" (created by #" +
                              std::to_string(threadNumber()) + "): boom\n")) << log;
     EXPECT_TRUE(has(log, "[ERROR] [Thread] (no stacktrace available\n")) << log;
-    EXPECT_EQ(thrown<IllegalStateException>([&] { std::rethrow_exception(thread.exception()); }),
+    EXPECT_EQ(messageOf<IllegalStateException>([&] { std::rethrow_exception(thread.exception()); }),
               "boom");
 
     testing::internal::CaptureStdout();
@@ -132,7 +132,7 @@ TEST(ThreadSelfTest, ReportsWhatDoesNotEndInTime) {
     // No time at all: the threads find the latch closed or do not end in time.
     testing::internal::CaptureStdout();
     const std::string message =
-        thrown<IllegalStateException>([] { runThreadSelfTest(1, 0, 32, true); });
+        messageOf<IllegalStateException>([] { runThreadSelfTest(1, 0, 32, true); });
     const std::string log = testing::internal::GetCapturedStdout();
     EXPECT_TRUE(has(message, "The treading self-test encountered issues: ")) << message;
     EXPECT_TRUE(has(log, "[ERROR] [TSfTst] " + message + "\n")) << log;

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+#include <vector>
+
 #include "core/error.h"
 #include "core/flatbuffer_check.h"
 #include "memory_schema_host.h"
@@ -57,73 +60,59 @@ protected:
     std::optional<Catalog> catalog_;
 };
 
-TEST_F(CatalogStoreTest, WritesTheCatalogFieldsAtTheirPlaces) {
-    const Bytes record = host_.element(0);
-    EXPECT_EQ(record.size() % 4, 0u);
-    const Table& table = rootTable(record.data());
-    const auto number = [&](uint16_t voffset) { return table.GetField<uint32_t>(voffset, 0); };
-    EXPECT_EQ(number(8), 2u);
-    EXPECT_EQ(number(10), 1u);
+using Numbers = std::vector<std::pair<uint16_t, uint32_t>>;  // by place in the vtable
+
+void expectNumbers(const Table& table, const Numbers& expected) {
+    for (const auto& [voffset, number] : expected) {
+        EXPECT_EQ(table.GetField<uint32_t>(voffset, 0), number) << voffset;
+    }
+}
+
+std::string textAt(const Table& table, uint16_t voffset) {
+    return table.GetPointer<const flatbuffers::String*>(voffset)->str();
+}
+
+TEST_F(CatalogStoreTest, WritesTheFieldsAtTheirPlaces) {
+    const Bytes catalog = host_.element(0);
+    EXPECT_EQ(catalog.size() % 4, 0u);
+    const Table& table = rootTable(catalog.data());
+    expectNumbers(table, {{8, 2}, {10, 1}, {18, 3}, {20, 0}, {22, 3}, {24, 7}, {26, 1}});
     EXPECT_TRUE(table.CheckField(12));
     const auto created = table.GetField<uint64_t>(14, 0);
     EXPECT_GT(created, 1'600'000'000'000'000'000u);
     EXPECT_GE(table.GetField<uint64_t>(16, 0), created);
-    EXPECT_EQ(number(18), 3u);
-    EXPECT_EQ(number(20), 0u);
-    EXPECT_EQ(number(22), 3u);
-    EXPECT_EQ(number(24), 7u);
-    EXPECT_EQ(number(26), 1u);
     for (const uint16_t hash : {28, 30, 32}) {
         EXPECT_EQ(table.GetPointer<const flatbuffers::Vector<uint8_t>*>(hash)->size(), 16u);
     }
     const Table& schema = *table.GetPointer<const Tables*>(4)->Get(0);
-    EXPECT_EQ(schema.GetPointer<const flatbuffers::String*>(4)->str(), "default");
-    EXPECT_EQ(schema.GetField<uint32_t>(6, 0), 1u);
+    EXPECT_EQ(textAt(schema, 4), "default");
+    expectNumbers(schema, {{6, 1}});
     EXPECT_EQ(schema.GetField<uint64_t>(8, 0), 1u);
-}
 
-TEST_F(CatalogStoreTest, WritesTheEntityFieldsAtTheirPlaces) {
     const Bytes record = host_.element(2);
     EXPECT_EQ(record.size() % 4, 0u);
     const Table& entity = rootTable(record.data());
-    const auto text = [](const Table& table, uint16_t voffset) {
-        return table.GetPointer<const flatbuffers::String*>(voffset)->str();
-    };
-    const auto number = [](const Table& table, uint16_t voffset) {
-        return table.GetField<uint32_t>(voffset, 0);
-    };
     EXPECT_EQ(entity.GetField<uint64_t>(4, 0), 200u);
-    EXPECT_EQ(number(entity, 6), 2u);
-    EXPECT_EQ(number(entity, 8), 1u);
-    EXPECT_EQ(text(entity, 10), "Book");
-    EXPECT_EQ(number(entity, 16), 0u);
-    EXPECT_EQ(number(entity, 18), 1u);
-    EXPECT_EQ(number(entity, 20), 1u);
-    EXPECT_EQ(number(entity, 22), 5u);
-    EXPECT_EQ(number(entity, 24), 1u);
-    EXPECT_EQ(number(entity, 26), 0u);
-    EXPECT_EQ(text(entity, 30), "tome");
+    expectNumbers(entity,
+                  {{6, 2}, {8, 1}, {16, 0}, {18, 1}, {20, 1}, {22, 5}, {24, 1}, {26, 0}});
+    EXPECT_EQ(textAt(entity, 10), "Book");
+    EXPECT_EQ(textAt(entity, 30), "tome");
 
     const auto& properties = *entity.GetPointer<const Tables*>(12);
     const Table& author = *properties.Get(3);
     EXPECT_EQ(author.GetField<uint64_t>(4, 0), 204u);
-    EXPECT_EQ(number(author, 6), 4u);
-    EXPECT_EQ(number(author, 8), 2u);
-    EXPECT_EQ(number(author, 10), 1u);
-    EXPECT_EQ(number(author, 12), 2u);
+    expectNumbers(author, {{6, 4}, {8, 2}, {10, 1}, {12, 2},
+                           {22, kPropertyIndexed | kPropertyIndexSkipZero}});
     EXPECT_EQ(author.GetField<uint64_t>(14, 0), 902u);
-    EXPECT_EQ(text(author, 16), "authorId");
+    EXPECT_EQ(textAt(author, 16), "authorId");
     EXPECT_EQ(author.GetField<uint16_t>(18, 0), 11u);
     EXPECT_EQ(author.GetField<uint16_t>(20, 0), 10u);
-    EXPECT_EQ(number(author, 22), kPropertyIndexed | kPropertyIndexSkipZero);
-    EXPECT_EQ(text(*properties.Get(2), 26), "second");
-    EXPECT_EQ(number(*properties.Get(4)->GetPointer<const Table*>(30), 6), 5u);
+    EXPECT_EQ(textAt(*properties.Get(2), 26), "second");
+    expectNumbers(*properties.Get(4)->GetPointer<const Table*>(30), {{6, 5}});
 
     const Table& relation = *entity.GetPointer<const Tables*>(14)->Get(0);
-    EXPECT_EQ(number(relation, 4), 1u);
+    expectNumbers(relation, {{4, 1}, {8, 2}, {10, 3}});
     EXPECT_EQ(relation.GetField<uint64_t>(6, 0), 801u);
-    EXPECT_EQ(number(relation, 8), 2u);
-    EXPECT_EQ(number(relation, 10), 3u);
 }
 
 TEST_F(CatalogStoreTest, ReadsBackWhatWasWritten) {
@@ -152,51 +141,42 @@ TEST_F(CatalogStoreTest, MissesACatalogOnRequest) {
     EXPECT_EQ(readFailure<IllegalStateException>(), "No DB catalog present");
 }
 
-TEST_F(CatalogStoreTest, ChecksVersionsFirst) {
-    const Bytes good = host_.element(0);
-    set<uint32_t>(0, 10, 3);
-    EXPECT_EQ(readFailure<SchemaException>(),
+TEST_F(CatalogStoreTest, RefusesVersionsAndNumbersThatCanNotBe) {
+    enum { kCatalog = 0, kBook = 2 };
+    const auto good = host_.elements;
+    const auto failure = [&]<class E>(E*, uint64_t element, uint16_t voffset, uint32_t number) {
+        set<uint32_t>(element, voffset, number);
+        const std::string text = readFailure<E>();
+        host_.elements = good;
+        return text;
+    };
+    const auto refused = [&](uint64_t element, uint16_t voffset, uint32_t number) {
+        return failure(static_cast<SchemaException*>(nullptr), element, voffset, number);
+    };
+    const auto corrupt = [&](uint64_t element, uint16_t voffset, uint32_t number) {
+        return failure(static_cast<DbFileCorruptException*>(nullptr), element, voffset, number);
+    };
+    EXPECT_EQ(refused(kCatalog, 10, 3),
               "Please update, this file requires a minimum meta schema version of 3");
-    host_.writeElement(0, good.data(), good.size());
-    set<uint32_t>(0, 8, 1);
-    EXPECT_EQ(readFailure<SchemaException>(),
-              "Upgrading is not supported from meta schema version 1");
-    set<uint32_t>(0, 8, 0);
-    EXPECT_EQ(readFailure<DbFileCorruptException>(),
-              "Catalog: no meta schema version(s) available");
-    set<uint32_t>(0, 8, 3);  // a later version that still lets us read
-    EXPECT_NO_THROW(read());
-    set<uint32_t>(0, 18, 0);
-    EXPECT_EQ(readFailure<DbFileCorruptException>(), "Schema catalog contains invalid entity ID");
-    set<uint32_t>(0, 18, 3);
-    set<uint32_t>(0, 22, 0x1000000);
-    EXPECT_EQ(readFailure<DbFileCorruptException>(), "Schema catalog contains invalid index ID");
-    set<uint32_t>(0, 22, 3);
-
-    set<uint32_t>(2, 20, 2);
-    EXPECT_EQ(readFailure<SchemaException>(),
+    EXPECT_EQ(refused(kCatalog, 8, 1), "Upgrading is not supported from meta schema version 1");
+    EXPECT_EQ(corrupt(kCatalog, 8, 0), "Catalog: no meta schema version(s) available");
+    EXPECT_EQ(corrupt(kCatalog, 18, 0), "Schema catalog contains invalid entity ID");
+    EXPECT_EQ(corrupt(kCatalog, 22, 0x1000000), "Schema catalog contains invalid index ID");
+    EXPECT_EQ(refused(kBook, 20, 2),
               "Please update, this file requires a minimum meta schema version of 2");
-    set<uint32_t>(2, 20, 0);
-    EXPECT_EQ(readFailure<DbFileCorruptException>(),
-              "Entity: No meta schema version(s) available");
-}
+    EXPECT_EQ(corrupt(kBook, 20, 0), "Entity: No meta schema version(s) available");
+    EXPECT_EQ(corrupt(kBook, 6, 0), "No schema entity ID for key 2");
+    EXPECT_EQ(corrupt(kBook, 6, 0x1000000), "Invalid entity ID for key 2");
+    EXPECT_EQ(corrupt(kBook, 6, 4), "Invalid entity ID larger than last ID for key 2");
+    EXPECT_EQ(corrupt(kBook, 6, 1), "Invalid entity ID does not match key 2");
+    set<uint32_t>(kCatalog, 8, 3);  // a later version that still lets us read
+    EXPECT_NO_THROW(read());
 
-TEST_F(CatalogStoreTest, RefusesEntityRecordsThatDoNotBelong) {
-    const Bytes book = host_.element(2);
-    set<uint32_t>(2, 6, 0);
-    EXPECT_EQ(readFailure<DbFileCorruptException>(), "No schema entity ID for key 2");
-    set<uint32_t>(2, 6, 0x1000000);
-    EXPECT_EQ(readFailure<DbFileCorruptException>(), "Invalid entity ID for key 2");
-    set<uint32_t>(2, 6, 4);
-    EXPECT_EQ(readFailure<DbFileCorruptException>(),
-              "Invalid entity ID larger than last ID for key 2");
-    set<uint32_t>(2, 6, 1);
-    EXPECT_EQ(readFailure<DbFileCorruptException>(), "Invalid entity ID does not match key 2");
-    host_.writeElement(2, book.data(), 16);
+    const Bytes book = host_.element(kBook);
+    host_.writeElement(kBook, book.data(), 16);
     EXPECT_EQ(readFailure<DbFileCorruptException>(),
               "Schema entity could not be verified for key 2");
-    host_.writeElement(2, book.data(), book.size());
-    host_.writeElement(0, book.data(), 8);
+    host_.writeElement(kCatalog, book.data(), 8);
     EXPECT_EQ(readFailure<DbFileCorruptException>(), "Schema catalog could not be verified");
 }
 
@@ -220,17 +200,18 @@ TEST_F(CatalogStoreTest, CopiesACatalog) {
     CatalogStore otherStore(other);
     EXPECT_EQ(messageOf<IllegalArgumentException>([&] { otherStore.writeAll({}); }),
               "Empty catalog");
-    CatalogStore::Elements bad = elements;
-    bad[2] = Bytes::copyOf(bad[2].data(), bad[2].size() - 1);
-    EXPECT_EQ(messageOf<IllegalArgumentException>([&] { otherStore.writeAll(bad); }),
+    CatalogStore::Elements unpadded = elements;
+    unpadded[2] = Bytes::copyOf(unpadded[2].data(), unpadded[2].size() - 1);
+    EXPECT_EQ(messageOf<IllegalArgumentException>([&] { otherStore.writeAll(unpadded); }),
               "Size not padded");
     other.elements.clear();
-    bad = {{0, elements.at(0)}, {1u << 25, elements.at(1)}};
-    EXPECT_EQ(messageOf<IllegalStateException>([&] { otherStore.writeAll(bad); }),
+    EXPECT_EQ(messageOf<IllegalStateException>([&] {
+                  otherStore.writeAll({{0, elements.at(0)}, {1u << 25, elements.at(1)}});
+              }),
               "State condition failed in writeAll:283: id < (1 << 25)");
     other.elements.clear();
-    bad = {{0, elements.at(0)}, {1, elements.at(2)}};
-    EXPECT_THROW(otherStore.writeAll(bad), DbFileCorruptException);
+    EXPECT_THROW(otherStore.writeAll({{0, elements.at(0)}, {1, elements.at(2)}}),
+                 DbFileCorruptException);
     other.elements.clear();
     otherStore.writeAll(elements);
     EXPECT_EQ(other.elements, host_.elements);

@@ -32,16 +32,6 @@ void addSmallEntity(ModelBuilder& builder) {
     builder.propertyFlags(kPropertyId);
 }
 
-std::string readFailure(const ModelTable& spec) {
-    return messageOf<SchemaException>([&] { readModel(spec.build()); });
-}
-
-std::string readFailure(void (*change)(EntitySpec&)) {
-    ModelTable spec = libraryModel();
-    change(spec.entity("Book"));
-    return readFailure(spec);
-}
-
 // An IdUid struct of a table, by literal vtable offset.
 IdUid idUidAt(const Table& table, uint16_t voffset) {
     const auto* at = table.GetStruct<const uint8_t*>(voffset);
@@ -84,9 +74,8 @@ TEST(ModelBuilder, WritesTheFieldsAtTheirPlaces) {
     EXPECT_EQ(model.GetField<uint64_t>(8, 0), 1u);
     EXPECT_EQ(idUidAt(model, 12), (IdUid{2, 18}));
     EXPECT_EQ(idUidAt(model, 14), (IdUid{2, 16}));
-    EXPECT_FALSE(model.CheckField(16));
     EXPECT_EQ(idUidAt(model, 18), (IdUid{1, 17}));
-    EXPECT_FALSE(model.CheckField(20));
+    EXPECT_FALSE(model.CheckField(16) || model.CheckField(20));
 
     const Table& entity = *model.GetPointer<const Tables*>(10)->Get(0);
     EXPECT_EQ(idUidAt(entity, 4), (IdUid{1, 11}));
@@ -111,36 +100,23 @@ TEST(ModelBuilder, WritesTheFieldsAtTheirPlaces) {
     EXPECT_EQ(textAt(vector, 18), "second");
     const Table& hnsw = *vector.GetPointer<const Table*>(22);
     EXPECT_EQ(hnsw.GetField<uint32_t>(4, 0), 3u);
-    EXPECT_FALSE(hnsw.CheckField(6));  // not set
-    EXPECT_FALSE(hnsw.CheckField(8));
+    EXPECT_FALSE(hnsw.CheckField(6) || hnsw.CheckField(8)) << "not set";
     EXPECT_EQ(hnsw.GetField<uint32_t>(10, 0), 0xFu);
     EXPECT_EQ(hnsw.GetField<uint16_t>(12, 0), 2u);
     EXPECT_EQ(hnsw.GetField<float>(14, 0), 1.0f);
     EXPECT_EQ(hnsw.GetField<uint64_t>(16, 0), 7u);
 }
 
-TEST(ModelBuilder, InsistsOnTheOrderOfCalls) {
+TEST(ModelBuilder, GivesItsBytesOnceAndOnlyWhenFinished) {
     ModelBuilder builder;
     const auto stateFailure = [](auto&& action) {
         return messageOf<IllegalStateException>(action);
     };
-    EXPECT_EQ(stateFailure([&] { builder.entityFlags(1); }), "No entity started");
-    EXPECT_EQ(stateFailure([&] { builder.property("p", PropertyType::Int, 1, 1); }),
-              "No entity started");
-    EXPECT_EQ(stateFailure([&] { builder.relation(1, 1, 1, 1); }), "No entity started");
-    EXPECT_EQ(stateFailure([&] { builder.propertyFlags(1); }), "No property started");
-    EXPECT_EQ(stateFailure([&] { builder.finish(); }), "No entities added");
     EXPECT_EQ(stateFailure([&] { builder.data(); }),
               "State condition failed in buffer:76: finished_");
     EXPECT_EQ(stateFailure([&] { builder.size(); }),
               "State condition failed in size:81: finished_");
-    EXPECT_EQ(messageOf<IllegalArgumentException>([&] { builder.entity("", 1, 1); }),
-              "Name cannot be empty");
-
-    builder.entity("E", 1, 11);
-    EXPECT_EQ(stateFailure([&] { builder.hnswDimensions(2); }), "No property started");
-    EXPECT_EQ(stateFailure([&] { builder.entity("F", 2, 12); }), "No properties added");
-    builder.property("id", PropertyType::Long, 1, 12);
+    addSmallEntity(builder);
     EXPECT_THROW(builder.hnswDimensions(uint64_t{1} << 32), NumericOverflowException);
     builder.finish();
     EXPECT_EQ(stateFailure([&] { builder.entity("F", 2, 12); }),
@@ -183,43 +159,6 @@ TEST(ModelReader, ReadsWhatTheBuilderWrote) {
     EXPECT_EQ(*entity.propertyById(2).hnswOptions(), expected);
 }
 
-TEST(ModelReader, RefusesIncompleteModels) {
-    ModelTable spec = libraryModel();
-    spec.userVersion = 0;
-    EXPECT_EQ(readFailure(spec), "Model without user version");
-    spec = libraryModel();
-    spec.version = 3;
-    EXPECT_EQ(readFailure(spec), "Unexpected model version: 3");
-    spec = libraryModel();
-    spec.hash = Bytes::copyOf("123456789012345", 15);
-    EXPECT_EQ(readFailure(spec), "Unexpected hash size: 15");
-    spec = libraryModel();
-    spec.name.clear();
-    EXPECT_EQ(readFailure(spec), "Model without name");
-
-    EXPECT_EQ(readFailure([](EntitySpec& e) { e.name.clear(); }), "Model entity has no name");
-    EXPECT_EQ(readFailure([](EntitySpec& e) { e.id.id = 0; }), "Model entity has no ID: Book");
-    EXPECT_EQ(readFailure([](EntitySpec& e) { e.id.uid = 0; }), "Model entity has no UID: Book");
-    EXPECT_EQ(readFailure([](EntitySpec& e) { e.lastPropertyId.id = 0; }),
-              "Model entity has no last property ID: Book");
-    EXPECT_EQ(readFailure([](EntitySpec& e) { e.properties.clear(); }),
-              "Model entity must have at least one property: Book");
-    spec = libraryModel();
-    spec.entity("Book").relations[0].target = {};
-    EXPECT_EQ(messageOf<IllegalStateException>([&] { readModel(spec.build()); }),
-              "State condition failed in Relation:21: modelRelation.targetEntityId()");
-}
-
-TEST(ModelReader, ComparesTheLastPropertyIdWithTheProperties) {
-    EXPECT_EQ(readFailure([](EntitySpec& e) { e.lastPropertyId = {4, 77}; }),
-              "Last property ID:UID 4:77 is inconsistent for Book: 4:204 vs. n/a");
-    EXPECT_EQ(readFailure([](EntitySpec& e) { e.lastPropertyId = {9, 203}; }),
-              "Last property ID:UID 9:203 is inconsistent for Book: n/a vs. 3:203");
-    ModelTable removed = libraryModel();
-    removed.entity("Book").lastPropertyId = {9, 999};
-    EXPECT_TRUE(readModel(removed.build()));
-}
-
 TEST(ModelReader, ReadsAtAnyAddress) {
     const Bytes bytes = libraryModel().build();
     for (size_t shift = 1; shift < 8; ++shift) {
@@ -242,9 +181,9 @@ TEST(ModelReader, SurvivesDamagedBytes) {
     ModelTable spec = libraryModel();
     spec.entity("Book").property("pages").hnsw = HnswOptions{.dimensions = 2};
     const Bytes bytes = spec.build();
-    for (size_t size = 0; size < bytes.size(); ++size) {
-        const Bytes cut = Bytes::copyOf(bytes.data(), size);
-        isReadable(cut);
+    constexpr size_t kPadding = 7;  // at the end, at most
+    for (size_t size = 0; size < bytes.size() - kPadding; ++size) {
+        EXPECT_FALSE(isReadable(Bytes::copyOf(bytes.data(), size))) << size;
     }
     std::mt19937 random(testSeed());
     int readable = 0;
