@@ -101,7 +101,7 @@ TEST(KvValidation, CountsEveryKindOfRecordOfALayoutThatIsRight) {
 }
 
 TEST(KvValidation, ReportsEachBreachOfTheLayout) {
-    EXPECT_EQ(problemWith("kk", "v"), "Key size + value size not a multiple of 4: 3");
+    EXPECT_EQ(problemWith("kk", "vvvv"), "Key size + value size not a multiple of 4: 6");
     EXPECT_EQ(problemWith(std::string(3, '\0'), "1"), "invalid system key size: too small");
     EXPECT_EQ(problemWith(std::string("\0\0\0\1", 4)), "illegal schema prefix: 00000001");
     EXPECT_EQ(problemWith(std::string(4, '\0')), "invalid schema key size");

@@ -89,8 +89,8 @@ TEST_F(QueryExecution, AnOrScansAndALeafBesideItIsLookedUp) {
 TEST_F(QueryExecution, ATextTooLongForAKeyIsNotDefinite) {
     const std::string fits(478, 'x'), longer(479, 'x');
     put(20, {{kText, fits}});
-    put(21, {{kText, longer + "a"}});
-    put(22, {{kText, longer + "b"}});
+    put(21, {{kText, longer + "a"}, {kA, 1}});
+    put(22, {{kText, longer + "b"}, {kA, 1}});
     const auto find = [&](const std::string& text) {
         return query([&](QueryBuilder& b) { b.equal(prop(kText), text, true); });
     };
@@ -99,6 +99,12 @@ TEST_F(QueryExecution, ATextTooLongForAKeyIsNotDefinite) {
     EXPECT_EQ("1 1 all", run(*definite));
     EXPECT_THAT(idsOf(*cut), ElementsAre(22));
     EXPECT_EQ("2 1", run(*cut));
+    const auto both = query([&](QueryBuilder& b) {
+        b.equal(prop(kText), longer + "b", true);
+        b.equal(prop(kA), int64_t{1});
+    });
+    EXPECT_THAT(idsOf(*both), ElementsAre(22));
+    EXPECT_EQ("2 2", run(*both));
 }
 
 TEST_F(QueryExecution, ANegativeByteIsFoundByAScanButNotByItsIndex) {

@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <latch>
-#include <stdexcept>
 #include <thread>
 
 #include "store/change_listeners.h"
 #include "store/object_test.h"
-#include "store/store_activity.h"
 #include "support/log_capture.h"
 
 namespace quillmere {
@@ -14,10 +12,22 @@ namespace {
 
 using Ids = std::vector<uint32_t>;
 
-class ListenersTest : public ObjectTest {
-protected:
-    void putTag(uint64_t id) { putNotes({id}, kTags); }
-};
+using ListenersTest = ObjectTest;
+
+TEST_F(ListenersTest, roundInsideARoundLeavesTheListClosed) {
+    int depth = 0;
+    store_->addListener([&](const Ids& ids) {
+        ++depth;
+        if (ids.front() == kTags) {
+            store_->entityState(entity(kNotes)).idsForPut(9);
+            putNotes({1});
+        }
+        expectThrow<IllegalStateException>("Listeners cannot add listeners",
+                                           [&] { store_->addListener([](const Ids&) {}); });
+    });
+    putNotes({1}, kTags);
+    EXPECT_EQ(depth, 2);
+}
 
 TEST_F(ListenersTest, lastReferenceMayGoInsideAListener) {
     auto shared = std::shared_ptr<ObjectStore>(std::move(store_));

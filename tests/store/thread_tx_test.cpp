@@ -35,7 +35,9 @@ TEST_F(ThreadTxTest, refusedPutsFailTheTransactionThatTheyJoined) {
         ThreadTx owner(*store_, TxMode::Write);
         const uint64_t number = owner.tx().number();
         putTag(owner, 2);
+        ThreadTx nested(*store_, TxMode::Write);
         put();
+        expectThrow<IllegalStateException>(notActive(number), [&] { nested.markSuccess(); });
         expectThrow<IllegalStateException>(notActive(number), [&] { owner.markSuccess(); });
         EXPECT_EQ(tags(), std::vector<uint64_t>{1});
     }
