@@ -33,7 +33,7 @@ sanitize: build-asan build-tsan
 	ctest --test-dir build/tsan --output-on-failure --no-tests=error -j2 -R '$(concurrent_tests)'
 
 fuzz:
-	@command -v clang++ >/dev/null || { echo "Fuzzers need clang: apt-get install clang"; exit 1; }
+	@command -v clang++ >/dev/null || { echo "Fuzzers need clang: apt-get install clang libclang-rt-14-dev"; exit 1; }
 	cmake --preset fuzz
 	cmake --build build/fuzz --target fuzz
 

@@ -2,10 +2,7 @@
 
 #include <flatbuffers/flexbuffers.h>
 
-#include <algorithm>
-#include <functional>
 #include <charconv>
-#include <ranges>
 
 #include "core/endian.h"
 #include "query/text_compare.h"
@@ -161,11 +158,18 @@ std::string_view FlexMap::keyAt(size_t index) const {
 }
 
 std::optional<FlexValue> FlexMap::find(std::string_view key) const {
-    const auto places = std::views::iota(size_t{0}, size());
-    const auto keyOf = [this](size_t index) { return keyAt(index); };
-    const auto place = std::ranges::lower_bound(places, key, std::less<>(), keyOf);
-    if (place == places.end() || keyAt(*place) != key) return std::nullopt;
-    return valueAt(*place);
+    size_t low = 0;
+    size_t high = size();
+    while (low < high) {
+        const size_t middle = low + (high - low) / 2;
+        if (keyAt(middle) < key) {
+            low = middle + 1;
+        } else {
+            high = middle;
+        }
+    }
+    if (low == size() || keyAt(low) != key) return std::nullopt;
+    return valueAt(low);
 }
 
 }  // namespace quillmere
