@@ -82,7 +82,8 @@ protected:
         ASSERT_EQ(QMR_SUCCESS, qmr_kist_put(kist(entityId), id, object.data(), object.size()));
     }
     void putCustomer(uint64_t id, std::vector<ObjectField> fields) {
-        fields.push_back({1, id});
+        fields.emplace_back().propertyId = 1;
+        fields.back().value = id;
         put(kCustomer, id, makeObjectFrom(fields));
     }
 

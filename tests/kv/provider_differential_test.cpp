@@ -206,7 +206,7 @@ TEST_F(ProviderDifferentialTest, PartitionCursorsAgreeAlsoAtTheEdges) {
                         break;
                     default: cursor.put(bytesOf(key), bytesOf(value));
                 }
-                result += " " + std::string(out.text()) + " at ";
+                result.append(" ").append(out.text()).append(" at ");
                 result += std::to_string(static_cast<int>(cursor.position())) + " ";
                 return result + cursor.key().toHex(20);
             })) << "round " << round << ", step " << i << ", operation " << operation;
