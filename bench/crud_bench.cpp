@@ -165,7 +165,7 @@ PrivateMemory beforeOpen;
 
 void printGrowth() {
     const PrivateMemory now = privateMemory();
-    std::printf("%lld %lld\n", static_cast<long long>(now.anonymousKb - beforeOpen.anonymousKb),
+    std::printf("\nmemory %lld %lld\n", static_cast<long long>(now.anonymousKb - beforeOpen.anonymousKb),
                 static_cast<long long>(now.fileKb - beforeOpen.fileKb));
 }
 
@@ -188,11 +188,15 @@ PrivateMemory growthOnOpen(const Settings& settings, const char* subject) {
                                 settings.directory + "'";
     FILE* pipe = popen(command.c_str(), "r");
     if (!pipe) throw std::runtime_error("Cannot start " + command);
-    long long dirty = 0, clean = 0;
-    const int fields = std::fscanf(pipe, "%lld %lld", &dirty, &clean);
+    long long anonymous = 0, file = 0;
+    char line[256];
+    int fields = 0;
+    while (fields != 2 && std::fgets(line, sizeof line, pipe)) {  // the store logs as well
+        fields = std::sscanf(line, "memory %lld %lld", &anonymous, &file);
+    }
     const int status = pclose(pipe);
     if (fields != 2 || status != 0) throw std::runtime_error("Failed: " + command);
-    return {dirty, clean};
+    return {anonymous, file};
 }
 
 void printMemory(const Settings& settings) {
