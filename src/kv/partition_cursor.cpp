@@ -279,8 +279,12 @@ bool PartitionCursor::stepToFound(bool moved, Direction direction) {
 
 // After an exact match the key found is the one asked for, which is held already.
 inline bool PartitionCursor::stepToAsked(bool found) {
-    foundKey_.setView(keyView_.data(), keyView_.size());
-    return settle(found ? locate(foundKey_) : Position::Behind);
+    const Position position = found ? locate(keyView_) : Position::Behind;
+    if (position != Position::On) return settle(position);
+    position_ = position;
+    dbCursor_->rebindKey(keyView_.data(), keyView_.size());
+    if (callback_) callback_(callbackContext_, keyView_, position);
+    return true;
 }
 
 inline PartitionCursor::Position PartitionCursor::locate(const Bytes& key) {
