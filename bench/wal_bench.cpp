@@ -168,6 +168,8 @@ private:
              [&] { appendRaw(false); }},
             {"snapshot save, bytes", "read and write of the file, fdatasync", fileBytes,
              [&] { saveSnapshot(); }, [&] { copyFile(); }},
+            {"snapshot load, bytes", "read and write of the file, fdatasync", fileBytes,
+             [&] { loadSnapshot(); }, [&] { copyFile(); }},
             {"snapshot load, bytes", "read of the file, std::map of the same", fileBytes,
              [&] { loadSnapshot(); }, [&] { loadMap(); }},
             {"sequential put, objects", "std::map", objects, [&] { putAll(*emptyMemory_); },

@@ -345,7 +345,8 @@ typedef enum {
     QMRDebugFlags_LOG_CACHE_HITS = 32,
     QMRDebugFlags_LOG_CACHE_ALL = 64, /* hits and misses */
     QMRDebugFlags_LOG_STORAGE_FAILURES = 256,
-    QMRDebugFlags_RUN_THREAD_SELF_TEST = 512 /* while the store opens */
+    QMRDebugFlags_RUN_THREAD_SELF_TEST = 512, /* while the store opens */
+    QMRDebugFlags_LOG_WAL = 1024
 } QMRDebugFlags;
 
 /* `text` has `length` bytes and no terminating zero is promised; it is valid during the call, which
@@ -395,7 +396,10 @@ QMR_API void qmr_opt_validate_on_open_pages(QMR_store_options* opt, uint64_t pag
                                             uint32_t flags);
 /* Checks every record at open. */
 QMR_API void qmr_opt_validate_on_open_kv(QMR_store_options* opt);
-/* For storage with a write-ahead log: its flags, and its size limits while running and at open. */
+/* The log of "memory-wal:" stores. Bit 1 of the flags (value 2) syncs each commit to the disk; without
+ * it the commits survive the process, but not a failure of the machine. Bit 0 is set by the directory.
+ * A log above a size limit, 16384 KB while running and 4096 KB at open unless set, gives way to a
+ * snapshot of all data. */
 QMR_API void qmr_opt_wal(QMR_store_options* opt, uint32_t flags);
 QMR_API void qmr_opt_wal_max_file_size_in_kb(QMR_store_options* opt, uint64_t size_in_kb);
 QMR_API void qmr_opt_wal_max_file_size_on_open_in_kb(QMR_store_options* opt, uint64_t size_in_kb);
