@@ -72,6 +72,11 @@ macro(edit_page_access)
 	data->mv_data = METADATA(omp);")
 endmacro()
 
+# Keys are compared in place, most of them by their first eight bytes.
+macro(edit_search)
+  lmdb_edit(2 "rc = cmp(key, &nodekey);" "rc = qmr_compare_keys(cmp, key, &nodekey);")
+endmacro()
+
 # What a search or a step finds in a damaged page is an error, not an abort of the process.
 macro(edit_assertions)
   foreach(check IN ITEMS "3:IS_LEAF(mp)" "2:IS_LEAF(mc->mc_pg[mc->mc_top])"
@@ -108,6 +113,7 @@ function(edit_lmdb source destination)
   edit_writer_lock()
   edit_open()
   edit_page_access()
+  edit_search()
   edit_assertions()
   edit_sub_cursors()
   file(CONFIGURE OUTPUT ${destination} CONTENT "${text}" @ONLY NEWLINE_STYLE UNIX)

@@ -34,6 +34,7 @@ static int qmr_page_in_file(MDB_env* env, size_t page);
 static int qmr_page_is_sound(MDB_txn* txn, size_t number, const MDB_page* page);
 static void qmr_pages_will_change(MDB_env* env, size_t first, int count);
 static void qmr_set_max_page(MDB_env* env);
+static inline int qmr_compare_keys(MDB_cmp_func* compare, const MDB_val* a, const MDB_val* b);
 static int qmr_check_overflow(MDB_cursor* mc, const MDB_page* first, size_t page, size_t size);
 static int qmr_corrupted(MDB_cursor* mc);
 static int qmr_no_sub_cursor(MDB_cursor* mc, const MDB_node* node);
@@ -375,6 +376,29 @@ static int qmr_check_sub_cursor(MDB_cursor* mc) {
     return (node->mn_flags & F_DUPDATA) ? qmr_no_sub_cursor(mc, node) : MDB_SUCCESS;
 }
 
+/* --- Search ----------------------------------------------------------------------------------- */
+
+static inline uint64_t qmr_read_be64(const void* at) {
+    uint64_t value;
+    memcpy(&value, at, sizeof(value));
+#if BYTE_ORDER == LITTLE_ENDIAN
+    value = __builtin_bswap64(value);
+#endif
+    return value;
+}
+
+/* As the function, which for keys without flags compares bytes and then sizes. */
+static inline int qmr_compare_keys(MDB_cmp_func* compare, const MDB_val* a, const MDB_val* b) {
+    if (compare != mdb_cmp_memn || a->mv_size < 8 || b->mv_size < 8)
+        return compare(a, b);
+    uint64_t head_a = qmr_read_be64(a->mv_data), head_b = qmr_read_be64(b->mv_data);
+    if (head_a != head_b)
+        return head_a < head_b ? -1 : 1;
+    MDB_val rest_a = {a->mv_size - 8, (char*)a->mv_data + 8};
+    MDB_val rest_b = {b->mv_size - 8, (char*)b->mv_data + 8};
+    return rest_a.mv_size + rest_b.mv_size == 0 ? 0 : compare(&rest_a, &rest_b);
+}
+
 /* --- Steps and puts in place ------------------------------------------------------------------ */
 
 /* Whether the cursor's stack of pages is good. It may still stand behind the last node. */
@@ -411,7 +435,7 @@ int qmr_mdb_cursor_next(MDB_cursor* mc, MDB_val* key, MDB_val* value) {
 static int qmr_compare_with_node(const MDB_val* key, const MDB_page* page, unsigned index) {
     const MDB_node* node = NODEPTR(page, index);
     MDB_val other = {node->mn_ksize, NODEKEY(node)};
-    return mdb_cmp_memn(key, &other);
+    return qmr_compare_keys(mdb_cmp_memn, key, &other);
 }
 
 /* Whether the key belongs between the cursor's node and whatever follows, in this leaf or behind
