@@ -76,7 +76,7 @@ bool isZero(const Value& value) {
 class Differential : public IndexTest {
 protected:
     void SetUp() override {
-        SchemaSpec spec;
+        TestSchema spec;
         spec.entity(kIndexed, "Indexed").toOne(kOwnerId, "owner", kOwners).relation(kLinks, kOwners);
         for (const Column& column : kColumns) addTo(spec, column, column.indexFlags);
         spec.entity(kPlain, "Plain");
@@ -84,7 +84,7 @@ protected:
         spec.entity(kOwners, "Owner").property(kNumber, "int", PropertyType::Int);
         open(std::move(spec));
     }
-    static void addTo(SchemaSpec& spec, const Column& column, uint32_t indexFlags) {
+    static void addTo(TestSchema& spec, const Column& column, uint32_t indexFlags) {
         const uint32_t target = column.type == PropertyType::Relation ? kOwners : 0;
         spec.property(column.id, column.name, column.type, column.flags | indexFlags, target);
     }

@@ -24,7 +24,7 @@ constexpr uint32_t kQueryLogs = kDebugLogQueries | kDebugLogQueryParameters;
 class QueryExecution : public QueryTest {
 protected:
     void SetUp() override {
-        open(std::move(SchemaSpec()
+        open(std::move(TestSchema()
                            .entity(1, "Thing")
                            .property(kA, "a", PropertyType::Int, kPropertyIndexed)
                            .property(kB, "b", PropertyType::Int, kPropertyIndexed)

@@ -20,7 +20,7 @@ constexpr uint64_t kFar = uint64_t{1} << 40;
 class Links : public QueryTest {
 protected:
     void SetUp() override {
-        SchemaSpec spec;
+        TestSchema spec;
         spec.entity(kBooks, "Book")
             .property(kNumber, "pages", PropertyType::Int)
             .toOne(kAuthor, "author", kAuthors)

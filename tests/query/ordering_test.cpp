@@ -17,7 +17,7 @@ constexpr uint32_t kOwner = 5;
 class Ordering : public QueryTest {
 protected:
     void SetUp() override {
-        open(std::move(SchemaSpec()
+        open(std::move(TestSchema()
                            .entity(1, "Thing")
                            .property(kInt, "int", PropertyType::Int)
                            .property(kDouble, "double", PropertyType::Double)

@@ -24,7 +24,7 @@ constexpr double kMaxDouble = std::numeric_limits<double>::max();
 class PropertyQueries : public QueryTest {
 protected:
     void SetUp() override {
-        SchemaSpec spec;
+        TestSchema spec;
         spec.entity(1, "Thing")
             .property(kInt, "int", PropertyType::Int)
             .property(kIndexedInt, "indexed", PropertyType::Int, kPropertyIndexed)

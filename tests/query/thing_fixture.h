@@ -28,7 +28,7 @@ protected:
     static constexpr uint32_t kParts = 2;
 
     void SetUp() override {
-        SchemaSpec spec;
+        TestSchema spec;
         spec.entity(kThings, "Thing");
         uint32_t id = 1;
         for (const PropertyType type : kTypes) {

@@ -8,7 +8,7 @@ namespace {
 class CollectorTest : public ::testing::Test {
 protected:
     CollectorTest() {
-        SchemaSpec spec;
+        TestSchema spec;
         spec.entity(1, "Everything");
         uint32_t id = 1;
         for (const PropertyType type :

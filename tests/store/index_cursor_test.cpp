@@ -40,7 +40,7 @@ class IndexCursorTest : public IndexTest {
 protected:
     // Entity 1 with an indexed number and an indexed text.
     void openNotes(uint32_t numberFlags = 0, uint32_t textFlags = 0) {
-        open(SchemaSpec()
+        open(TestSchema()
                  .entity(1, "Note")
                  .property(kNumber, "number", PropertyType::Int, kPropertyIndexed | numberFlags)
                  .property(kText, "text", PropertyType::String, kPropertyIndexed | textFlags));
@@ -62,7 +62,7 @@ protected:
 // --- what is stored ------------------------------------------------------------------------------
 
 TEST_F(IndexCursorTest, KeysOfNumbersAreBigEndianWithTheShortestId) {
-    open(SchemaSpec()
+    open(TestSchema()
              .entity(1, "All")
              .property(2, "bool", PropertyType::Bool, kPropertyIndexed)
              .property(3, "byte", PropertyType::Byte, kPropertyIndexed)
@@ -89,13 +89,13 @@ TEST_F(IndexCursorTest, KeysOfNumbersAreBigEndianWithTheShortestId) {
                     ElementsAre(value + "0000000100000000", value + "00000007"))
             << propertyId;
     }
-    const std::string key = IndexChecker(*tx).indexKeys(SchemaSpec::indexId(1, 2)).front();
+    const std::string key = IndexChecker(*tx).indexKeys(TestSchema::indexId(1, 2)).front();
     EXPECT_EQ(IndexChecker::hex(key.substr(0, 4)), "20000198");  // type 8, index 102
     EXPECT_THAT(faults(*tx), IsEmpty());
 }
 
 TEST_F(IndexCursorTest, KeysOfStringsHoldTheStringOrItsHash) {
-    open(SchemaSpec()
+    open(TestSchema()
              .entity(1, "Text")
              .property(2, "value", PropertyType::String, kPropertyIndexed)
              .property(3, "hash", PropertyType::String, kPropertyIndexHash)
@@ -111,7 +111,7 @@ TEST_F(IndexCursorTest, KeysOfStringsHoldTheStringOrItsHash) {
     for (const size_t size : {477, 478, 479, 480}) {
         texts->removeAll();
         put(*texts, 1, {{2, text(size)}});
-        const std::string key = IndexChecker(*tx).indexKeys(SchemaSpec::indexId(1, 2)).at(0);
+        const std::string key = IndexChecker(*tx).indexKeys(TestSchema::indexId(1, 2)).at(0);
         EXPECT_EQ(key.size(), std::min<size_t>(size + 1, 479) + 12);
         EXPECT_EQ(key[key.size() - 9], size < 479 ? '\0' : 'x');
         EXPECT_THAT(faults(*tx), IsEmpty());
@@ -120,7 +120,7 @@ TEST_F(IndexCursorTest, KeysOfStringsHoldTheStringOrItsHash) {
 
 TEST_F(IndexCursorTest, IndexesOfOtherTypesAreRefused) {
     const auto failure = [&]<class E>(E*, PropertyType type, uint32_t flags) {
-        open(SchemaSpec().entity(1, "Bad").property(2, "bad", type, flags));
+        open(TestSchema().entity(1, "Bad").property(2, "bad", type, flags));
         const auto tx = write();
         return messageOf<E>([&] { put(*cursor(*tx), 1); });
     };
@@ -292,7 +292,7 @@ TEST_F(IndexCursorTest, ReplacingRemovesAllOtherHolders) {
 // Replacing the holder clears the reference in the object that is being put; with self-relations
 // all this happens on one cursor.
 TEST_F(IndexCursorTest, ReplacingMayChangeTheObjectBeingPut) {
-    open(SchemaSpec()
+    open(TestSchema()
              .entity(1, "Person")
              .property(2, "name", PropertyType::String,
                        kPropertyUnique | kPropertyReplaceOnConflict)
@@ -310,7 +310,7 @@ TEST_F(IndexCursorTest, ReplacingMayChangeTheObjectBeingPut) {
 
 TEST_F(IndexCursorTest, ManyMayReferToNothingByAUniqueToOne) {
     for (const uint32_t flags : {0u, uint32_t{kPropertyReplaceOnConflict}}) {
-        open(SchemaSpec().entity(1, "Person").toOne(2, "partner", 1, kPropertyUnique | flags));
+        open(TestSchema().entity(1, "Person").toOne(2, "partner", 1, kPropertyUnique | flags));
         const auto tx = write();
         const auto persons = cursor(*tx);
         put(*persons, 1);
@@ -450,7 +450,7 @@ TEST_F(IndexCursorTest, EntriesOfAWrongSizeAreReported) {
     const auto notes = cursor(*tx);
     const auto plant = [&](uint32_t propertyId, const std::string& tail) {
         const uint32_t prefix =
-            partitionPrefix(PartitionType::Index, SchemaSpec::indexId(1, propertyId));
+            partitionPrefix(PartitionType::Index, TestSchema::indexId(1, propertyId));
         std::string key(4, '\0');
         storeBig(key.data(), prefix);
         key += tail;

@@ -12,7 +12,7 @@
 #include "store/index_cursor_set.h"
 #include "store/object_store.h"
 #include "store/relation_cursor.h"
-#include "store/schema_spec.h"
+#include "store/test_schema.h"
 #include "store/transaction.h"
 #include "support/index_checker.h"
 #include "support/object.h"
@@ -22,7 +22,7 @@ namespace quillmere {
 
 class IndexTest : public ::testing::Test {
 protected:
-    void open(SchemaSpec spec, StoreOptions options = {}) {
+    void open(TestSchema spec, StoreOptions options = {}) {
         store_.reset();
         options.directory = dir_.storePath("db");
         store_ = std::make_unique<ObjectStore>(options);
@@ -51,7 +51,7 @@ protected:
     std::vector<std::string> entries(Transaction& tx, uint32_t entityId, uint32_t propertyId) {
         std::vector<std::string> result;
         for (const std::string& key :
-             IndexChecker(tx).indexKeys(SchemaSpec::indexId(entityId, propertyId))) {
+             IndexChecker(tx).indexKeys(TestSchema::indexId(entityId, propertyId))) {
             result.push_back(IndexChecker::hex(key.substr(4)));
         }
         return result;

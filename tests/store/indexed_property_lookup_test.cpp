@@ -31,7 +31,7 @@ protected:
         lookup_.reset();
         things_.reset();
         tx_.reset();
-        open(SchemaSpec()
+        open(TestSchema()
                  .entity(1, "Thing")
                  .property(kBool, "bool", PropertyType::Bool, flags)
                  .property(kByte, "byte", PropertyType::Byte, flags)

@@ -9,7 +9,7 @@
 #include "core/error.h"
 #include "store/cursor.h"
 #include "store/object_store.h"
-#include "store/schema_spec.h"
+#include "store/test_schema.h"
 #include "store/transaction.h"
 #include "support/object.h"
 #include "support/temp_dir.h"
@@ -58,8 +58,8 @@ protected:
     }
 
     static std::shared_ptr<Schema> makeSchema() {
-        SchemaSpec spec;
-        const auto addFields = [](SchemaSpec& entity, PropertyType numberType = PropertyType::Long,
+        TestSchema spec;
+        const auto addFields = [](TestSchema& entity, PropertyType numberType = PropertyType::Long,
                                   uint32_t numberFlags = 0) {
             entity.property(kTextProperty, "text", PropertyType::String)
                 .property(kNumberProperty, "number", numberType, numberFlags);

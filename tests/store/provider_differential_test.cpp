@@ -30,7 +30,7 @@ public:
     void reopen() {
         store_.reset();
         store_ = std::make_unique<ObjectStore>(options_);
-        store_->setSchema(SchemaSpec()
+        store_->setSchema(TestSchema()
                               .entity(kCustomers, "Customer")
                               .relation(kFriends, kCustomers)
                               .entity(kOrders, "Order")

@@ -33,7 +33,7 @@ protected:
     void SetUp() override {
         StoreOptions options;
         options.maxDataSizeInKb = 1000;  // so that the data size is tracked
-        open(SchemaSpec()
+        open(TestSchema()
                  .entity(kCustomers, "Customer")
                  .relation(kFriends, kCustomers)
                  .entity(kOrders, "Order")

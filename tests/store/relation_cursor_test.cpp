@@ -25,7 +25,7 @@ constexpr uint32_t kToBooks = 2;
 class RelationCursorTest : public IndexTest {
 protected:
     void SetUp() override {
-        open(SchemaSpec()
+        open(TestSchema()
                  .entity(kBooks, "Book")
                  .relation(kToTags, kTags)
                  .relation(kToBooks, kBooks)

@@ -5,8 +5,8 @@
  *   processes may share it, and one that dies inside a write transaction hands the lock over.
  *   Programs with an unchanged LMDB can read an environment that is open here; their writes fail.
  * - A reader table that is larger than asked for shrinks when nobody else has it open.
- * - A page behind the end of the data file gives MDB_PAGE_NOTFOUND, and a node that claims
- *   duplicates in a database without them MDB_BAD_TXN. */
+ * - A page behind the end of the data file gives MDB_PAGE_NOTFOUND, one whose offsets lead out of it
+ *   MDB_CORRUPTED, and a node that claims duplicates in a database without them MDB_BAD_TXN. */
 #pragma once
 
 #include <lmdb.h>

@@ -11,18 +11,18 @@ namespace quillmere {
 
 // A schema written down in a few lines. Each entity has an ID property with ID 1; index IDs are 100
 // times the entity's plus the property's.
-class SchemaSpec {
+class TestSchema {
 public:
-    SchemaSpec() : schema_(std::make_shared<Schema>(1)) {}
+    TestSchema() : schema_(std::make_shared<Schema>(1)) {}
 
-    SchemaSpec& entity(uint32_t id, const std::string& name, uint32_t flags = 0,
+    TestSchema& entity(uint32_t id, const std::string& name, uint32_t flags = 0,
                        uint32_t idFlags = kPropertyIdSelfAssignable) {
         finishEntity();
         entity_ = std::make_shared<Entity>(id, 100 + id, name);
         entity_->setFlags(flags);
         return property(1, "id", PropertyType::Long, kPropertyId | idFlags);
     }
-    SchemaSpec& property(uint32_t id, const std::string& name, PropertyType type,
+    TestSchema& property(uint32_t id, const std::string& name, PropertyType type,
                          uint32_t flags = 0, uint32_t target = 0) {
         auto property =
             std::make_shared<Property>(id, 1000 * entity_->id() + id, name, type, flags);
@@ -34,11 +34,11 @@ public:
         entity_->addProperty(property);
         return *this;
     }
-    SchemaSpec& toOne(uint32_t id, const std::string& name, uint32_t target, uint32_t flags = 0) {
+    TestSchema& toOne(uint32_t id, const std::string& name, uint32_t target, uint32_t flags = 0) {
         return property(id, name, PropertyType::Relation,
                         kPropertyIndexed | kPropertyIndexSkipZero | flags, target);
     }
-    SchemaSpec& relation(uint32_t id, uint32_t target) {
+    TestSchema& relation(uint32_t id, uint32_t target) {
         entity_->addRelation(std::make_shared<Relation>(id, 70000 + id, entity_->id(), target));
         return *this;
     }
